@@ -1,0 +1,32 @@
+// Start-up of the gateway. The order below is binding: the link manager comes up
+// before every service that reads device values, and the external address table
+// is switched on only after every consumer has registered its addresses.
+#include "deviceInfo/deviceInfo.h"
+#include "generalFunc/generalFunc.h"
+#include "generalFunc/globals.h"
+
+#include <QCoreApplication>
+
+#include <csignal>
+#include <cstdlib>
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+
+    unitTool::my_zlog_init();
+    zlog_info(g_zlog, "App %s start 编译日期：%s %s", g_IotVersion.toLocal8Bit().constData(), __DATE__,
+              __TIME__);
+
+    if (unitTool::CheckProcessNum("Lumbra") > 1) {
+        zlog_info(g_zlog, "App exist exit");
+        exit(0);
+    }
+    // A peer that hangs up must cost one failed write, not the process.
+    signal(SIGPIPE, SIG_IGN);
+
+    g_zonetime = unitTool::cultimezone();
+    deviceInfo::getInstance()->init();
+
+    return app.exec();
+}

@@ -1,0 +1,98 @@
+#include "process.h"
+#include "testsupport.h"
+
+#include <QElapsedTimer>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+using namespace lumbra::test;
+
+namespace {
+
+const QByteArray kStdoutConf = "[formats]\ns = \"%V [%F:%L %U] %m%n\"\n[rules]\niot.DEBUG >stdout; s\n";
+
+// A working directory and a box root for one gateway run.
+struct Box {
+    QTemporaryDir work;
+    QTemporaryDir root;
+    Box(const QByteArray &zlogConf = kStdoutConf)
+    {
+        if (!zlogConf.isNull())
+            writeFile(work.path() + "/zlog.conf", zlogConf);
+        writeFile(root.path() + "/usr/brenta/iot_conf/sn.conf", "SN0001\n");
+    }
+    bool start(ChildProcess &p)
+    {
+        p.setEnv("LUMBRA_SYSROOT", root.path());
+        return p.start(gatewayBinary(), {}, work.path());
+    }
+};
+
+}  // namespace
+
+TEST(Startup, LogsStartLineThenServicesAndKeepsRunning)
+{
+    Box box;
+    ChildProcess gw;
+    ASSERT_TRUE(box.start(gw));
+    ASSERT_TRUE(gw.waitForOutput("device sn:SN0001", 5000)) << gw.output().toStdString();
+    QString out = gw.output();
+    QRegularExpression start("INFO \\[main/main:\\d+ main\\] App 3\\.0\\.0 start 编译日期："
+                             "[A-Z][a-z]{2} [ \\d]\\d \\d{4} \\d\\d:\\d\\d:\\d\\d");
+    EXPECT_TRUE(start.match(out).hasMatch()) << out.toStdString();
+    EXPECT_LT(out.indexOf("start 编译日期"), out.indexOf("timezone:28800"));
+    EXPECT_LT(out.indexOf("timezone:28800"), out.indexOf("device sn:SN0001"));
+    EXPECT_TRUE(gw.running());
+}
+
+TEST(Startup, SecondInstanceExitsAtOnceBeforeAnyService)
+{
+    Box box;
+    ChildProcess first;
+    ASSERT_TRUE(box.start(first));
+    ASSERT_TRUE(first.waitForOutput("device sn:", 5000)) << first.output().toStdString();
+
+    ChildProcess second;
+    QElapsedTimer t;
+    t.start();
+    ASSERT_TRUE(box.start(second));
+    ASSERT_TRUE(second.waitForExit(1000)) << "second instance still running";
+    EXPECT_LT(t.elapsed(), 1000);
+    EXPECT_EQ(second.exitCode(), 0);
+    QString out = second.output();
+    EXPECT_TRUE(out.contains("App exist exit")) << out.toStdString();
+    EXPECT_FALSE(out.contains("timezone:"));
+    EXPECT_FALSE(out.contains("device sn:"));
+    EXPECT_TRUE(first.running());
+}
+
+TEST(Startup, TimeZoneFileSetsOffset)
+{
+    struct Case {
+        QByteArray content;
+        QString line;
+    } cases[] = {{"-18000\n", "timezone:-18000"}, {"not a number\n", "timezone:28800"}};
+    for (const Case &c : cases) {
+        Box box;
+        writeFile(box.work.path() + "/timeZone", c.content);
+        ChildProcess gw;
+        ASSERT_TRUE(box.start(gw));
+        EXPECT_TRUE(gw.waitForOutput(c.line, 5000)) << gw.output().toStdString();
+    }
+}
+
+TEST(Startup, BadLoggingConfigAndMissingBoxFilesDoNotStopStartUp)
+{
+    for (QByteArray conf : {QByteArray(), QByteArray("[rules]\niot.LOUD >stdout\n")}) {
+        Box box(conf);
+        QFile::remove(box.root.path() + "/usr/brenta/iot_conf/sn.conf");
+        ChildProcess gw;
+        ASSERT_TRUE(box.start(gw));
+        EXPECT_TRUE(gw.waitForOutput("device sn:", 5000)) << gw.output().toStdString();
+        QString out = gw.output();
+        EXPECT_TRUE(out.contains("zlog init failed"));
+        EXPECT_TRUE(out.contains("sn.conf fail"));
+        EXPECT_TRUE(gw.running());
+    }
+}

@@ -1,0 +1,90 @@
+#include "process.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+namespace lumbra::test {
+namespace {
+
+// QProcess wants an application object; tests have none of their own.
+void ensureApp()
+{
+    if (QCoreApplication::instance())
+        return;
+    static int argc = 1;
+    static char name[] = "lumbra-test";
+    static char *argv[] = {name, nullptr};
+    static QCoreApplication app(argc, argv);
+}
+
+}  // namespace
+
+QString gatewayBinary()
+{
+    return QStringLiteral(LUMBRA_GATEWAY_BINARY);
+}
+
+ChildProcess::ChildProcess() : m_env(QProcessEnvironment::systemEnvironment())
+{
+    ensureApp();
+    m_proc.setProcessChannelMode(QProcess::MergedChannels);
+}
+
+ChildProcess::~ChildProcess()
+{
+    stop();
+}
+
+void ChildProcess::setEnv(const QString &name, const QString &value)
+{
+    m_env.insert(name, value);
+}
+
+bool ChildProcess::start(const QString &program, const QStringList &args, const QString &workDir)
+{
+    m_proc.setProcessEnvironment(m_env);
+    m_proc.setWorkingDirectory(workDir);
+    m_proc.start(program, args);
+    return m_proc.waitForStarted(5000);
+}
+
+QString ChildProcess::output()
+{
+    m_output += QString::fromUtf8(m_proc.readAll());
+    return m_output;
+}
+
+bool ChildProcess::waitForOutput(const QString &text, int timeoutMs)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!output().contains(text)) {
+        if (t.elapsed() > timeoutMs)
+            return false;
+        if (!running())
+            return output().contains(text);
+        m_proc.waitForReadyRead(50);
+    }
+    return true;
+}
+
+bool ChildProcess::waitForExit(int timeoutMs)
+{
+    bool done = !running() || m_proc.waitForFinished(timeoutMs);
+    output();
+    return done;
+}
+
+void ChildProcess::stop()
+{
+    if (!running())
+        return;
+    m_proc.terminate();
+    if (!m_proc.waitForFinished(3000)) {
+        m_proc.kill();
+        m_proc.waitForFinished(3000);
+    }
+    output();
+}
+
+}  // namespace lumbra::test
