@@ -1,0 +1,1 @@
+// Placeholder: the serial layer lands here.
