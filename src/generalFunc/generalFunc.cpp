@@ -49,7 +49,8 @@ QString integerText(double value, int type, int decimal)
 // Splits command output at blanks, dropping empty parts.
 QStringList words(const char *text)
 {
-    return QString::fromLocal8Bit(text).split(QRegularExpression("\\s+"), Qt::SkipEmptyParts);
+    static const QRegularExpression blanks("\\s+");
+    return QString::fromLocal8Bit(text).split(blanks, Qt::SkipEmptyParts);
 }
 
 QString shellQuote(const QString &s)
@@ -170,8 +171,11 @@ QString unitTool::value2str(const uint8_t *data, int length, int type, int decim
         uint32_t word;
         if (!readRaw(data, length, word))
             return QString();
-        QString hex = QString::number(word, 16);
-        return hex.contains(QRegularExpression("[A-Fa-f]")) ? "0" : hex;
+        // A nibble above 9 means the word holds no valid BCD.
+        for (uint32_t w = word; w; w >>= 4)
+            if ((w & 0xF) > 9)
+                return QStringLiteral("0");
+        return QString::number(word, 16);
     }
     case VALUE_FLOAT: {
         float f;

@@ -34,6 +34,13 @@ void replaceAll(std::string &s, const char *what, const std::string &with)
         s.replace(p, len, with);
 }
 
+void appendFraction(std::string &out, long value, int digits)
+{
+    char buf[24];
+    snprintf(buf, sizeof buf, "%0*ld", digits, value);
+    out += buf;
+}
+
 }  // namespace
 
 std::string sourceName(const char *file)
@@ -65,6 +72,11 @@ Format::Format(const std::string &pattern)
         if (j >= pattern.size())
             break;
         op.conv = pattern[j];
+        // "%ms" and "%us": milliseconds and microseconds of the line's time.
+        if ((op.conv == 'm' || op.conv == 'u') && j + 1 < pattern.size() && pattern[j + 1] == 's') {
+            op.conv = op.conv == 'm' ? 'M' : 'S';
+            ++j;
+        }
         if (op.conv == '%') {
             literal.text += '%';
             i = j;
@@ -121,6 +133,8 @@ void Format::render(const Record &rec, std::string &out) const
         case 'L': pad(out, std::to_string(rec.line), op.width, op.left); break;
         case 'U': pad(out, rec.func ? rec.func : "", op.width, op.left); break;
         case 'm': out.append(rec.msg, rec.msgLen); break;
+        case 'M': appendFraction(out, rec.time.tv_nsec / 1000000, 3); break;
+        case 'S': appendFraction(out, rec.time.tv_nsec / 1000, 6); break;
         case 'n': out += '\n'; break;
         case 'p': pad(out, std::to_string(getpid()), op.width, op.left); break;
         case 't': {

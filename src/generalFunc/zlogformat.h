@@ -1,5 +1,5 @@
 // Renders one log line from a zlog format pattern:
-// %d(...) %V %v %c %F %L %U %m %n %p %t %% with optional width ("%-5V").
+// %d(...) %ms %us %V %v %c %F %L %U %m %n %p %t %% with optional width ("%-5V").
 #pragma once
 
 #include <ctime>

@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
@@ -79,6 +80,17 @@ TEST(Zlog, SourceNameIsThePathBelowSrcWithoutExtension)
     unitTool::ReadFile("/nonexistent/file", 0);
     EXPECT_TRUE(log.contains("INFO generalFunc/generalFunc:")) << log.text().toStdString();
     EXPECT_TRUE(log.contains("ReadFile| read /nonexistent/file fail"));
+}
+
+TEST(Zlog, TimeConversionsInsideAndOutsideTheDate)
+{
+    WorkDir dir;
+    dir.write("zlog.conf", "[formats]\nf = \"%d(%Y|%ms).%ms.%us %m%n\"\n[rules]\niot.INFO \"t.log\"; f\n");
+    ASSERT_EQ(unitTool::my_zlog_init(), 0);
+    zlog_info(g_zlog, "msg");
+    QRegularExpression re("^20\\d\\d\\|\\d{3}\\.\\d{3}\\.\\d{6} msg\n$");
+    QString text = QString::fromUtf8(readFile(dir.file("t.log")));
+    EXPECT_TRUE(re.match(text).hasMatch()) << text.toStdString();
 }
 
 TEST(Zlog, LongMessagesAreNotCut)

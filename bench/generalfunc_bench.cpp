@@ -1,0 +1,92 @@
+// Per-call cost of the helpers on the hot path of every upload and every log line.
+#include "generalFunc/generalFunc.h"
+#include "generalFunc/globals.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+#include <cstring>
+
+namespace {
+
+void BM_value2str_u16_decimal(benchmark::State &state)
+{
+    uint16_t v = 1234;
+    uint8_t buf[2];
+    std::memcpy(buf, &v, 2);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(unitTool::value2str(buf, 2, VALUE_U16, 2));
+}
+BENCHMARK(BM_value2str_u16_decimal);
+
+void BM_value2str_s32(benchmark::State &state)
+{
+    int32_t v = -123456;
+    uint8_t buf[4];
+    std::memcpy(buf, &v, 4);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(unitTool::value2str(buf, 4, VALUE_S32, 0));
+}
+BENCHMARK(BM_value2str_s32);
+
+void BM_value2str_float(benchmark::State &state)
+{
+    float v = 3.14159f;
+    uint8_t buf[4];
+    std::memcpy(buf, &v, 4);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(unitTool::value2str(buf, 4, VALUE_FLOAT, 2));
+}
+BENCHMARK(BM_value2str_float);
+
+void BM_value2str_bcd(benchmark::State &state)
+{
+    uint32_t v = 0x20240301;
+    uint8_t buf[4];
+    std::memcpy(buf, &v, 4);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(unitTool::value2str(buf, 4, VALUE_BCD32, 0));
+}
+BENCHMARK(BM_value2str_bcd);
+
+// A log line written to a file with the format the examples use.
+void BM_log_line_to_file(benchmark::State &state)
+{
+    QTemporaryDir dir;
+    QString conf = dir.path() + "/zlog.conf";
+    QFile f(conf);
+    f.open(QIODevice::WriteOnly);
+    f.write("[formats]\nsimple = \"%d(%F %T).%ms %-5V [%F:%L %U] %m%n\"\n[rules]\niot.INFO \"" +
+            (dir.path() + "/iot.log").toUtf8() + "\", 10MB * 3; simple\n");
+    f.close();
+    zlog_init(conf.toLocal8Bit().constData());
+    g_zlog = zlog_get_category("iot");
+    int i = 0;
+    for (auto _ : state)
+        zlog_info(g_zlog, "link:%s station:%d value:%d", "PLC1", 1, ++i);
+    zlog_fini();
+}
+BENCHMARK(BM_log_line_to_file);
+
+// A DEBUG line on a box that logs INFO: what a filtered call costs.
+void BM_log_line_filtered(benchmark::State &state)
+{
+    QTemporaryDir dir;
+    QString conf = dir.path() + "/zlog.conf";
+    QFile f(conf);
+    f.open(QIODevice::WriteOnly);
+    f.write("[rules]\niot.INFO \"" + (dir.path() + "/iot.log").toUtf8() + "\"\n");
+    f.close();
+    zlog_init(conf.toLocal8Bit().constData());
+    g_zlog = zlog_get_category("iot");
+    for (auto _ : state)
+        zlog_debug(g_zlog, "value:%d", 42);
+    zlog_fini();
+}
+BENCHMARK(BM_log_line_filtered);
+
+}  // namespace
+
+BENCHMARK_MAIN();
