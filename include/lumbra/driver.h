@@ -34,6 +34,7 @@ typedef struct FRAME_PRO {
 /* One device address that a service of the gateway wants polled. */
 #define LUMBRA_REG_NAME_SIZE 16
 #define LUMBRA_ADDR_TEXT_SIZE 32
+#define LUMBRA_LINK_NAME_SIZE 64
 typedef struct KEY_ADDRESS {
     char reg[LUMBRA_REG_NAME_SIZE];    /* register (block) name, e.g. "4X" */
     char addr[LUMBRA_ADDR_TEXT_SIZE];  /* address text, e.g. "100" or "100.3" */
@@ -41,6 +42,7 @@ typedef struct KEY_ADDRESS {
     int32_t index;                     /* from intf_checkAddrValidity; -1 unresolved */
     int32_t len;                       /* length in words; 1 for a bit */
     int32_t type;                      /* the registering service's registration type */
+    char link[LUMBRA_LINK_NAME_SIZE];  /* link name; the gateway's own bookkeeping */
 } KEY_ADDRESS;
 
 /* What intf_initProperty receives in its first buffer (its int is the size of
@@ -80,6 +82,10 @@ typedef struct LUMBRA_LINK_INFO {
 /* Result of intf_checkAddrValidity when the ".0" bit form that the gateway
  * tried is not this register's form; the gateway retries the text as given. */
 #define LUMBRA_ADDR_RETRY_PLAIN 4
+
+/* intf_setFunc ids the gateway calls right after loading a driver. */
+#define LUMBRA_FUNC_LINK_ID 1   /* arg: const int32_t*, the link id */
+#define LUMBRA_FUNC_COMM_TYPE 2 /* arg: const int32_t*, the communication type */
 
 /* Called by the driver when a polled value changes:
  * (link id, station, register name, index). */

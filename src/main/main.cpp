@@ -2,6 +2,7 @@
 // before every service that reads device values, and the external address table
 // is switched on only after every consumer has registered its addresses.
 #include "deviceInfo/deviceInfo.h"
+#include "device_comm/communication.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
 
@@ -26,7 +27,10 @@ int main(int argc, char *argv[])
     signal(SIGPIPE, SIG_IGN);
 
     g_zonetime = unitTool::cultimezone();
+    communication::getInstance()->initLinks();
     deviceInfo::getInstance()->init();
+    // Last: every consumer has registered its addresses by now.
+    communication::getInstance()->enableExternalAddrInfo(true);
 
     return app.exec();
 }

@@ -1,0 +1,85 @@
+// The link manager: reads the link configuration, runs one thread per link,
+// holds the box's local registers, and is the one door through which every
+// service reads and writes device values.
+#pragma once
+
+#include "externaladdrtable.h"
+#include "linkvalue.h"
+#include "localregisters.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QReadWriteLock>
+#include <QVariant>
+
+class ULinkThread;
+
+class communication {
+public:
+    static communication *getInstance();
+
+    void readLinkConfig();
+    void initLinks();
+
+    static int getLocalIndex(const QString &reg) { return LocalRegisters::indexOf(reg); }
+    int getLocalValue(int index, int addr, int len, uchar *data);
+    int setLocalValue(int index, int addr, int len, const uchar *data);
+
+    // addr is a local cell address or a driver index (getIndexFromAddr); len
+    // counts cells or words. A negative station means the link's own
+    // "plc_id". dataSize, when given, is the room in data in bytes; without
+    // it data must hold 2 * len bytes.
+    int getCommValue(const QString &link, const QString &reg, int addr, int station, int len, uchar *data,
+                     int dataSize = -1);
+    int setCommValue(const QString &link, const QString &reg, int addr, int station, int len, const uchar *data,
+                     int dataSize = -1);
+
+    int getIndexFromName(const QString &name) const;
+    int getIndexFromID(int id) const;
+    LinkValue getLinkByName(const QString &name) const;
+    LinkValue getLinkById(int id) const;
+    QList<LinkValue> linkValues() const;
+    // mode 0 asks for a bit (".0" is tried first), 1 for a word.
+    int getIndexFromAddr(const QString &link, const QString &reg, const QString &addr, int station, int mode);
+
+    int startLinkFromName(const QString &name);
+    int spendLinkFromName(const QString &name);
+    // Shield or unshield one station of a link: writes to it are dropped.
+    int spendStation(const QString &link, int station);
+    int startStation(const QString &link, int station);
+    QList<int> staShieldList() const;
+
+    int resetLinkFromID(int id);
+    int statusLinkFromID(int id);
+    int lLinkSendFromID(const QByteArray &data, int len, int id);
+    int lLinkReadFromID(QByteArray &data, unsigned maxLen, int id, int timeoutMs = 0);
+    // arg: a list [function id, integer argument]; the integer comes back changed
+    // when the driver changes it.
+    int exeuteFuncFromID(int id, QVariant &arg);
+    int create_freePort(const LinkValue *link);
+
+    void setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type);
+    void enableExternalAddrInfo(bool enable);
+
+    static void _linkValueChangedCB(int linkId, int station, QString reg, int index);
+    static void _linkErrorCallBack(int linkId, int code, QString text);
+
+    // Stops and deletes every link thread; for an orderly end and for tests.
+    void stopLinks();
+
+private:
+    communication() = default;
+    ULinkThread *threadByName(const QString &name) const;
+    ULinkThread *threadById(int id) const;
+    int stationFor(const QString &link, int station, int &key) const;
+    void mergeLink(ULinkThread *thread);
+    void addShieldedStations(const LinkValue &link);
+
+    mutable QReadWriteLock m_lock;  // guards the lists below
+    QList<LinkValue> m_links;
+    QList<ULinkThread *> m_threads;
+    QList<int> m_shielded;
+    LocalRegisters m_local;
+    ExternalAddrTable m_external;
+    bool m_externalEnabled = false;
+};

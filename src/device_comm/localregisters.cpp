@@ -1,0 +1,68 @@
+#include "localregisters.h"
+
+#include <cstring>
+
+namespace {
+
+const int kCells[] = {65536, 65536, 65536, 1000};
+
+}  // namespace
+
+LocalRegisters::LocalRegisters() : m_bits(kCells[LB], 0)
+{
+    for (int area : {LW, RWI, LWF})
+        m_words[area].assign(kCells[area], 0);
+}
+
+int LocalRegisters::indexOf(const QString &reg)
+{
+    if (reg == "LW")
+        return LW;
+    if (reg == "LB")
+        return LB;
+    if (reg == "RWI")
+        return RWI;
+    if (reg == "LWF")
+        return LWF;
+    return -1;
+}
+
+bool LocalRegisters::inRange(int area, int addr, int len) const
+{
+    return area >= 0 && area <= LWF && addr >= 0 && len > 0 && addr < kCells[area] &&
+           len <= kCells[area] - addr;
+}
+
+int LocalRegisters::set(int area, int addr, int len, const uint8_t *data)
+{
+    if (!data || !inRange(area, addr, len))
+        return -1;
+    QMutexLocker lock(&m_mutex);
+    if (area == LB) {
+        bool changed = false;
+        for (int i = 0; i < len; ++i) {
+            uint8_t bit = data[i] ? 1 : 0;
+            changed |= m_bits[addr + i] != bit;
+            m_bits[addr + i] = bit;
+        }
+        return changed ? 1 : 0;
+    }
+    uint16_t *cells = m_words[area].data() + addr;
+    size_t bytes = static_cast<size_t>(len) * 2;
+    if (std::memcmp(cells, data, bytes) == 0)
+        return 0;
+    std::memcpy(cells, data, bytes);
+    return 1;
+}
+
+int LocalRegisters::get(int area, int addr, int len, uint8_t *data) const
+{
+    if (!data || !inRange(area, addr, len))
+        return -1;
+    QMutexLocker lock(&m_mutex);
+    if (area == LB)
+        std::memcpy(data, m_bits.data() + addr, len);
+    else
+        std::memcpy(data, m_words[area].data() + addr, static_cast<size_t>(len) * 2);
+    return 1;
+}

@@ -1,0 +1,29 @@
+// The box's own register memory: LW, LB, RWI and LWF.
+#pragma once
+
+#include <QMutex>
+#include <QString>
+
+#include <cstdint>
+#include <vector>
+
+class LocalRegisters {
+public:
+    enum Area { LW = 0, LB = 1, RWI = 2, LWF = 3 };
+
+    LocalRegisters();
+    // 0..3 for "LW", "LB", "RWI", "LWF"; -1 for every other name.
+    static int indexOf(const QString &reg);
+
+    // len counts cells (16-bit words, or bits stored one byte each). Returns
+    // -1 out of range, 0 when the bytes were already stored, 1 when written.
+    int set(int area, int addr, int len, const uint8_t *data);
+    int get(int area, int addr, int len, uint8_t *data) const;
+
+private:
+    bool inRange(int area, int addr, int len) const;
+
+    mutable QMutex m_mutex;
+    std::vector<uint16_t> m_words[4];  // LB uses m_bits instead
+    std::vector<uint8_t> m_bits;
+};

@@ -1,0 +1,156 @@
+#include "clinkdriver.h"
+
+#include "generalFunc/globals.h"
+
+#include <atomic>
+#include <vector>
+
+namespace {
+
+std::atomic<CLinkDriver::ValueChangedCB> s_valueChanged{nullptr};
+
+// Drivers speak C; the gateway's callback takes a QString.
+void valueChangedTrampoline(int linkId, int station, const char *reg, int index)
+{
+    CLinkDriver::ValueChangedCB cb = s_valueChanged.load();
+    if (cb)
+        cb(linkId, station, QString::fromUtf8(reg ? reg : ""), index);
+}
+
+}  // namespace
+
+CLinkDriver::~CLinkDriver()
+{
+    if (m_lib.isLoaded())
+        m_lib.unload();
+}
+
+template <typename T>
+void CLinkDriver::resolve(T &fn, const char *name)
+{
+    fn = reinterpret_cast<T>(m_lib.resolve(name));
+}
+
+bool CLinkDriver::loadDriver(const QString &path, ValueChangedCB valueChangedCB)
+{
+    m_lib.setFileName(path);
+    if (!m_lib.load()) {
+        zlog_error(g_zlog, "driver:%s load failed", path.toLocal8Bit().constData());
+        zlog_error(g_zlog, "%s", m_lib.errorString().toLocal8Bit().constData());
+        return false;
+    }
+    m_path = path;
+    resolve(m_getSendFrame, "intf_getSendFrame");
+    resolve(m_dealRcvFrame, "intf_dealRcvFrame");
+    resolve(m_getData, "intf_getData");
+    resolve(m_setData, "intf_setData");
+    resolve(m_initProperty, "intf_initProperty");
+    resolve(m_mpiInit, "intf_mpiInit");
+    resolve(m_mpiDeal, "intf_mpiDeal");
+    resolve(m_setAddrValueChangeCallBack, "intf_setAddrValueChangeCallBack");
+    resolve(m_setDriverPropertyPage, "intf_SetDriverPropertyPage");
+    resolve(m_addConditionRead, "intf_addConditionRead");
+    resolve(m_addrMerge, "intf_addrMerge");
+    resolve(m_addrMergeOfOrder, "intf_addrMergeOfOrder");
+    resolve(m_checkAddrValidity, "intf_checkAddrValidity");
+    resolve(m_setRcpAddress, "intf_setRcpAddress");
+    resolve(m_setDisconnect, "inft_setDisconnect");
+    resolve(m_setS7SmartRun, "intf_setS7_Smart_Run");
+    resolve(m_setStation, "intf_setStation");
+    resolve(m_setFunc, "intf_setFunc");
+    if (m_setAddrValueChangeCallBack) {
+        s_valueChanged.store(valueChangedCB);
+        m_setAddrValueChangeCallBack(valueChangedTrampoline);
+    }
+    return true;
+}
+
+int CLinkDriver::InitProperty(uchar *info, uchar *reserved1, uchar *reserved2, int &infoSize, char *text,
+                              QMutex *mutex)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_initProperty ? m_initProperty(info, reserved1, reserved2, &infoSize, text, mutex) : -1;
+}
+
+int CLinkDriver::SetDriverPropertyPage(const QString &property)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_setDriverPropertyPage ? m_setDriverPropertyPage(property.toUtf8().constData()) : -1;
+}
+
+int CLinkDriver::mpiInit(char *text, int a, int b, int c, int d, int e, int f)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_mpiInit ? m_mpiInit(text, a, b, c, d, e, f) : -1;
+}
+
+int CLinkDriver::mpiDeal()
+{
+    QMutexLocker lock(&m_mutex);
+    return m_mpiDeal ? m_mpiDeal() : -1;
+}
+
+int CLinkDriver::SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_setData ? m_setData(station, reg.toUtf8().constData(), addr, count, data, len) : -1;
+}
+
+int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_getData ? m_getData(station, reg.toUtf8().constData(), addr, count, data, len) : -1;
+}
+
+// Deliberately without the lock: drivers use it for calls that may come from
+// inside their own callbacks.
+int CLinkDriver::SetFunc(int id, void *arg)
+{
+    return m_setFunc ? m_setFunc(id, arg) : -1;
+}
+
+void CLinkDriver::SetDisconnect()
+{
+    if (m_setDisconnect)
+        m_setDisconnect();
+}
+
+int CLinkDriver::DealRecvFrame(const QByteArray &frame, QString &text)
+{
+    QMutexLocker lock(&m_mutex);
+    if (!m_dealRcvFrame)
+        return -1;
+    char buf[256] = {0};
+    int rc = m_dealRcvFrame(reinterpret_cast<const unsigned char *>(frame.constData()), frame.size(), buf,
+                            sizeof buf);
+    buf[sizeof buf - 1] = '\0';
+    text = QString::fromUtf8(buf);
+    return rc;
+}
+
+int CLinkDriver::GetSendFrame(FRAME_PRO &frame)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_getSendFrame ? m_getSendFrame(&frame) : -1;
+}
+
+int CLinkDriver::AddressMerge(QList<KEY_ADDRESS> &list)
+{
+    QMutexLocker lock(&m_mutex);
+    if (!m_addrMerge)
+        return -1;
+    // The driver may fill in indexes, so the list comes back as it left it.
+    std::vector<KEY_ADDRESS> keys(list.begin(), list.end());
+    int rc = m_addrMerge(keys.empty() ? nullptr : keys.data(), static_cast<int>(keys.size()));
+    for (int i = 0; i < list.size(); ++i)
+        list[i] = keys[i];
+    return rc;
+}
+
+int CLinkDriver::CheckAddressValidity(const QString &reg, const QString &addr, int &index, int station, int mode)
+{
+    QMutexLocker lock(&m_mutex);
+    if (!m_checkAddrValidity)
+        return -1;
+    return m_checkAddrValidity(reg.toUtf8().constData(), addr.toUtf8().constData(), &index, station, mode);
+}

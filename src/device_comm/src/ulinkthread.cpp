@@ -1,0 +1,360 @@
+#include "ulinkthread.h"
+
+#include "device_comm/communication.h"
+#include "generalFunc/boxpath.h"
+#include "generalFunc/generalFunc.h"
+#include "generalFunc/globals.h"
+#include "ulinkport.h"
+
+#include <cstring>
+
+namespace {
+
+QByteArray local8(const QString &s)
+{
+    return s.toLocal8Bit();
+}
+
+bool isR16Board()
+{
+    // One look per process: the kernel does not change under us.
+    static const bool r16 = [] {
+        char out[128];
+        unitTool::execute_command("uname -r", out, sizeof out);
+        return std::strstr(out, "3.4.39") != nullptr;
+    }();
+    return r16;
+}
+
+void copyText(char *dst, size_t size, const QString &src)
+{
+    QByteArray b = src.toUtf8();
+    std::strncpy(dst, b.constData(), size - 1);
+    dst[size - 1] = '\0';
+}
+
+}  // namespace
+
+ULinkThread::ULinkThread(int linkId, QObject *parent) : QThread(parent), m_linkId(linkId)
+{
+    std::memset(&m_sendFrame, 0, sizeof m_sendFrame);
+    zlog_info(g_zlog, "LinkThread linkId:%d structure", m_linkId);
+}
+
+ULinkThread::~ULinkThread()
+{
+    stop();
+    wait();
+    QMutexLocker lock(&m_portMutex);
+    if (m_port) {
+        ULinkPort::ReleasePort(m_port);
+        m_port = nullptr;
+    }
+    zlog_info(g_zlog, "LinkThread linkId:%d Deconstruction", m_linkId);
+}
+
+int ULinkThread::getLinkCOMMType(const LinkValue &link)
+{
+    if (link.linkType.contains("COM"))
+        return link.master_or_slave == 0 ? 0 : 1;
+    if (link.linkType == "Ethernet/TCP") {
+        if (link.master_or_slave == 0)
+            return 4;
+        return link.link_driver.contains("iec_104", Qt::CaseInsensitive) ? 7 : 5;
+    }
+    if (link.linkType.contains("can", Qt::CaseInsensitive))
+        return 6;
+    return link.master_or_slave == 1 ? 2 : 3;
+}
+
+int ULinkThread::comNumber(const LinkValue &link)
+{
+    int m = link.linkType.indexOf('M');
+    return link.linkType.contains("COM") && m >= 0 ? link.linkType.mid(m + 1).trimmed().toInt() : 0;
+}
+
+QString ULinkThread::getLinkCOMMConfig(const LinkValue &link)
+{
+    if (link.linkType.contains("COM"))
+        return QString("%1-%2-%3-%4-%5")
+            .arg(comNumber(link))
+            .arg(link.baudrate)
+            .arg(link.data_bit)
+            .arg(link.stop_bit)
+            .arg(link.check_bit);
+    return QString("%1:%2").arg(link.hmi_ip).arg(link.hmi_port);
+}
+
+// The two board kinds wire their first two UARTs the other way round; every
+// other COM number is its ttyO number on both.
+int ULinkThread::gettyOIDFromComID(int comId)
+{
+    if (comId == 1)
+        return isR16Board() ? 2 : 1;
+    if (comId == 2)
+        return isR16Board() ? 1 : 2;
+    return comId;
+}
+
+void ULinkThread::fillLinkInfo(LUMBRA_LINK_INFO &info) const
+{
+    std::memset(&info, 0, sizeof info);
+    info.abi_version = LUMBRA_DRIVER_ABI_VERSION;
+    info.link_id = m_linkId;
+    info.comm_type = m_commType;
+    info.master_or_slave = m_link.master_or_slave;
+    info.hmi_position = m_link.hmi_position;
+    info.screen_id = m_link.screen_id;
+    info.plc_id = m_link.plc_id;
+    info.comm_time = m_link.comm_time;
+    info.timeout1 = m_link.timeout1;
+    info.timeout2 = m_link.timeout2;
+    info.retry_times = m_link.retry_times;
+    info.address_mode = m_link.address_mode;
+    info.address_step = m_link.address_step;
+    info.data_conver = m_link.data_conver;
+    info.baudrate = static_cast<int32_t>(m_link.baudrate);
+    copyText(info.link_name, sizeof info.link_name, m_link.linkName);
+    copyText(info.link_device, sizeof info.link_device, m_link.link_device);
+    copyText(info.remote_property, sizeof info.remote_property, m_link.remote_property);
+    copyText(info.station_data_conver, sizeof info.station_data_conver, m_link.station_data_conver);
+}
+
+bool ULinkThread::initLib(int linkId, const char *driver, ValueChangedCB valueChangedCB)
+{
+    QString path = lumbra::boxPath("/usr/brenta/project/driver/") + QString("lib%1_%2.so").arg(driver).arg(linkId);
+    zlog_debug(g_zlog, "CLinkDriver::loadDriver %s", local8(path).constData());
+    auto drv = std::make_unique<CLinkDriver>();
+    if (!drv->loadDriver(path, valueChangedCB))
+        return false;
+    LUMBRA_LINK_INFO info;
+    fillLinkInfo(info);
+    int size = sizeof info;
+    QByteArray property = m_link.driver_property.toUtf8();
+    drv->InitProperty(reinterpret_cast<uchar *>(&info), nullptr, nullptr, size, property.data(), nullptr);
+    drv->SetDriverPropertyPage(m_link.driver_property);
+    m_driver = std::move(drv);
+    return true;
+}
+
+int ULinkThread::InitLink(const LinkValue &link, ValueChangedCB valueChangedCB, ErrorCB errorCB, uchar *,
+                          unsigned)
+{
+    if (m_initialised) {
+        zlog_info(g_zlog, "link:%s Already initialized", local8(m_linkName).constData());
+        return -2;
+    }
+    m_link = link;
+    m_linkName = link.linkName;
+    m_driverName = link.link_driver;
+    m_valueChangedCB = valueChangedCB;
+    m_errorCB = errorCB;
+    m_commType = getLinkCOMMType(link);
+    m_commConfig = getLinkCOMMConfig(link);
+    zlog_info(g_zlog, "CommPar:%s", local8(m_commConfig).constData());
+    if (m_commType == 0 || m_commType == 1)
+        m_ttyNumber = gettyOIDFromComID(comNumber(link));
+    m_replyTimeout = link.timeout1 > 0 ? link.timeout1 : 1000;
+    if (link.driver_lib == "mqtt") {
+        zlog_info(g_zlog, "driverlib mqtt return");
+        return 0;
+    }
+    const bool freePort = m_driverName == "free_protocol";
+    if (!freePort && initLib(m_linkId, local8(m_driverName).constData(), valueChangedCB)) {
+        int32_t id = m_linkId, type = m_commType;
+        m_driver->SetFunc(LUMBRA_FUNC_LINK_ID, &id);
+        m_driver->SetFunc(LUMBRA_FUNC_COMM_TYPE, &type);
+    }
+    m_mpi = m_driverName == "siemens_s7_300_mpi" && link.link_device == "un300(mpi)";
+    int rc;
+    {
+        QMutexLocker lock(&m_portMutex);
+        rc = InitPort();
+    }
+    m_initialised = true;
+    // Free ports carry no driver loop: scripts move their bytes directly.
+    if (!freePort)
+        start();
+    return rc;
+}
+
+// Called with the port mutex held.
+int ULinkThread::InitPort()
+{
+    if (m_mpi)
+        return initMPI() >= 0 ? 0 : -1;
+    std::string text = m_commConfig.toStdString();
+    if (m_commType == 0 || m_commType == 1) {
+        // The serial port opens a ttyO device, so it gets the mapped number and
+        // the line mode instead of the COM number.
+        QStringList parts = m_commConfig.split('-');
+        parts[0] = QString::number(m_ttyNumber);
+        parts << QString::number(m_link.serial_comm_protocol);
+        text = parts.join('-').toStdString();
+    }
+    ULinkPort *port = ULinkPort::CreatePort(static_cast<ULinkPort::PortType>(m_commType), text);
+    if (!port) {
+        zlog_info(g_zlog, "link:%s port open failed:%s", local8(m_linkName).constData(), text.c_str());
+        return -1;
+    }
+    port->setLinkPar(m_link);
+    port->MoveToThread(this);
+    m_port = port;
+    return 0;
+}
+
+void ULinkThread::pause(int ms)
+{
+    // In slices, so that stop() does not wait out a 10 s back-off.
+    while (ms > 0 && m_running) {
+        int step = ms > 50 ? 50 : ms;
+        unitTool::delay_ms(step);
+        ms -= step;
+    }
+}
+
+void ULinkThread::stop()
+{
+    m_running = false;
+    quit();
+}
+
+void ULinkThread::run()
+{
+    if (!m_driver) {
+        zlog_info(g_zlog, "driver link exit :%s", local8(m_linkName).constData());
+        return;
+    }
+    m_cycleDelay = m_link.comm_time > 0 ? static_cast<uint16_t>(m_link.comm_time) : 10;
+    m_running = true;
+    while (m_running) {
+        if (m_suspended) {
+            pause(m_cycleDelay);
+            continue;
+        }
+        if (!m_driver) {
+            m_running = false;
+            break;
+        }
+        if (m_mpi) {
+            dealMPI();
+            pause(m_cycleDelay);
+            continue;
+        }
+        if (!m_port) {
+            QMutexLocker lock(&m_portMutex);
+            if (InitPort() != 0) {
+                lock.unlock();
+                setSpeAddrStationError(m_station, false);
+                setSpeAddrComError(false);
+                pause(10000);
+                continue;
+            }
+        }
+        if (m_commType == 5) {
+            exec();  // the server port lives on this thread's event loop
+            continue;
+        }
+        {
+            QMutexLocker lock(&m_portMutex);
+            runTurn();
+        }
+        if (m_running)
+            pause(m_cycleDelay);
+    }
+    QMutexLocker lock(&m_portMutex);
+    if (m_port) {
+        ULinkPort::ReleasePort(m_port);
+        m_port = nullptr;
+    }
+    zlog_debug(g_zlog, "%s %s @@@", "device_comm/src/ulinkthread", __func__);
+}
+
+void ULinkThread::runTurn()
+{
+    if (!m_port)
+        return;
+    if (m_commType == 1)
+        dealSlave();
+    else if (m_commType == 7) {
+        if (m_port->accept() != -1)
+            deal_104_msg();
+    } else if (m_linkName.contains("iec_104_client"))
+        dealIec104Client();
+    else
+        deal_Protocol();
+}
+
+void ULinkThread::setSupend(bool suspend)
+{
+    m_suspended = suspend;
+    QMutexLocker lock(&m_portMutex);
+    if (m_port)
+        m_port->setSupendFlag(suspend);
+}
+
+int ULinkThread::SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len)
+{
+    return m_driver ? m_driver->SetValue(station, reg, addr, count, data, len) : -1;
+}
+
+int ULinkThread::GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len)
+{
+    return m_driver ? m_driver->GetValue(station, reg, addr, count, data, len) : -1;
+}
+
+int ULinkThread::AddressMerge(QList<KEY_ADDRESS> &list)
+{
+    return m_driver ? m_driver->AddressMerge(list) : -1;
+}
+
+int ULinkThread::getAddrIndexFromStr(const QString &reg, const QString &addr, int station, int mode)
+{
+    if (!m_driver)
+        return -1;
+    QString text = addr;
+    if (!addr.contains('.') && mode == 0)
+        text += ".0";
+    int index = -1;
+    int rc = m_driver->CheckAddressValidity(reg, text, index, station, mode);
+    if (rc == LUMBRA_ADDR_RETRY_PLAIN && text != addr)
+        rc = m_driver->CheckAddressValidity(reg, addr, index, station, mode);
+    return rc == LUMBRA_ADDR_OK ? index : -1;
+}
+
+int ULinkThread::lLinkSend(const QByteArray &data, int len)
+{
+    QMutexLocker lock(&m_portMutex);
+    if (!m_port || len < 0)
+        return -1;
+    return m_port->Send(data.constData(), qMin(len, data.size()));
+}
+
+int ULinkThread::lLinkRead(QByteArray &data, unsigned maxLen, int timeoutMs)
+{
+    QMutexLocker lock(&m_portMutex);
+    if (!m_port)
+        return -1;
+    if (m_recvBuf.isEmpty() && m_port->Recv(m_recvBuf, timeoutMs) < 0)
+        return -1;
+    // What the caller has no room for waits for its next read.
+    data = m_recvBuf.left(static_cast<int>(maxLen));
+    m_recvBuf.remove(0, data.size());
+    return data.size();
+}
+
+int ULinkThread::lLinkReset()
+{
+    QMutexLocker lock(&m_portMutex);
+    m_recvBuf.clear();
+    if (!m_port)
+        return InitPort();
+    m_port->Reset();
+    return 0;
+}
+
+int ULinkThread::lLinkStatus()
+{
+    QMutexLocker lock(&m_portMutex);
+    return m_port ? m_port->commStatus() : -1;
+}

@@ -1,0 +1,117 @@
+// One worker thread per configured link: owns the link's port and driver and
+// runs the exchange (master, slave, IEC 104, MPI), reporting link and station
+// state into the local bit registers.
+#pragma once
+
+#include "clinkdriver.h"
+#include "device_comm/linkvalue.h"
+#include "lumbra/driver.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QMutex>
+#include <QThread>
+
+#include <atomic>
+#include <memory>
+
+class ULinkPort;
+
+class ULinkThread : public QThread {
+    Q_OBJECT
+public:
+    using ValueChangedCB = CLinkDriver::ValueChangedCB;
+    using ErrorCB = void (*)(int, int, QString);
+
+    // Codes the link thread reports through the error callback.
+    enum LinkEvent { LinkRecovered = 0, LinkFailed = 1, StationFailed = 2, StationRecovered = 3 };
+
+    explicit ULinkThread(int linkId, QObject *parent = nullptr);
+    ~ULinkThread() override;
+
+    // 0: port open; -1: the port did not open (the thread retries every 10 s);
+    // -2: called twice. The thread is started either way, except for free ports.
+    int InitLink(const LinkValue &link, ValueChangedCB valueChangedCB, ErrorCB errorCB,
+                 uchar *extra = nullptr, unsigned extraLen = 0);
+    bool initLib(int linkId, const char *driver, ValueChangedCB valueChangedCB);
+    int InitPort();
+
+    static int getLinkCOMMType(const LinkValue &link);
+    static QString getLinkCOMMConfig(const LinkValue &link);
+    static int gettyOIDFromComID(int comId);
+    // The COM number of a serial link ("COM3" -> 3), or 0.
+    static int comNumber(const LinkValue &link);
+
+    int SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len);
+    int GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len);
+    int AddressMerge(QList<KEY_ADDRESS> &list);
+    int setFunc(int id, void *arg) { return m_driver ? m_driver->SetFunc(id, arg) : -1; }
+    int getAddrIndexFromStr(const QString &reg, const QString &addr, int station, int mode);
+
+    int lLinkSend(const QByteArray &data, int len);
+    int lLinkRead(QByteArray &data, unsigned maxLen, int timeoutMs = 0);
+    int lLinkReset();
+    int lLinkStatus();
+
+    void setSupend(bool suspend);
+    bool isSuspended() const { return m_suspended; }
+    void setSpeAddrComError(bool ok);
+    void setSpeAddrStationError(const QString &station, bool ok);
+
+    QString getLinkName() const { return m_linkName; }
+    int getLinkID() const { return m_linkId; }
+    LinkValue getLinkPro() const { return m_link; }
+    bool hasDriver() const { return m_driver != nullptr; }
+
+    // Ends the loop after the current turn; wait() then returns.
+    void stop();
+
+    // Where the status bits of a link live in "LB".
+    static int comErrorBit(int portNumber);
+    static int stationErrorBit(int portNumber, int station);
+
+protected:
+    void run() override;
+
+private:
+    void runTurn();
+    void deal_Protocol();
+    void dealSlave();
+    void dealIec104Client();
+    void deal_104_msg();
+    void dealRecvFrameResult(int result, const QString &text);
+    void actOnMasterResult(int result);
+    int initMPI();
+    void dealMPI();
+    int sendFrame();
+    bool fetchSendFrame();
+    void writeStatusBit(int address, int value);
+    void fillLinkInfo(LUMBRA_LINK_INFO &info) const;
+    int portNumber() const;
+    void pause(int ms);
+
+    const int m_linkId;
+    LinkValue m_link;
+    QString m_linkName;
+    QString m_driverName;
+    std::unique_ptr<CLinkDriver> m_driver;
+    ULinkPort *m_port = nullptr;
+    QByteArray m_recvBuf;
+    QString m_station;
+    FRAME_PRO m_sendFrame;
+    int m_commType = -1;
+    QString m_commConfig;
+    int m_ttyNumber = -1;
+    int m_replyTimeout = 1000;
+    uint16_t m_cycleDelay = 10;
+    std::atomic<bool> m_running{false};
+    bool m_mpi = false;
+    std::atomic<bool> m_suspended{false};
+    bool m_initialised = false;
+    QMutex m_portMutex;
+    QHash<int, int> m_statusShadow;  // LB address -> last value written
+    ValueChangedCB m_valueChangedCB = nullptr;
+    ErrorCB m_errorCB = nullptr;
+    int m_silenceMs = 0;
+    qint64 m_last104Rx = 0;
+};
