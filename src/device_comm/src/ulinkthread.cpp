@@ -206,7 +206,7 @@ int ULinkThread::InitPort()
 void ULinkThread::pause(int ms)
 {
     // In slices, so that stop() does not wait out a 10 s back-off.
-    while (ms > 0 && m_running) {
+    while (ms > 0 && !m_stopRequested) {
         int step = ms > 50 ? 50 : ms;
         unitTool::delay_ms(step);
         ms -= step;
@@ -215,6 +215,7 @@ void ULinkThread::pause(int ms)
 
 void ULinkThread::stop()
 {
+    m_stopRequested = true;
     m_running = false;
     quit();
 }
@@ -226,8 +227,8 @@ void ULinkThread::run()
         return;
     }
     m_cycleDelay = m_link.comm_time > 0 ? static_cast<uint16_t>(m_link.comm_time) : 10;
-    m_running = true;
-    while (m_running) {
+    m_running = !m_stopRequested;
+    while (m_running && !m_stopRequested) {
         if (m_suspended) {
             pause(m_cycleDelay);
             continue;
@@ -252,15 +253,15 @@ void ULinkThread::run()
             }
         }
         if (m_commType == 5) {
-            exec();  // the server port lives on this thread's event loop
+            if (!m_stopRequested)
+                exec();  // the server port lives on this thread's event loop
             continue;
         }
         {
             QMutexLocker lock(&m_portMutex);
             runTurn();
         }
-        if (m_running)
-            pause(m_cycleDelay);
+        pause(m_cycleDelay);
     }
     QMutexLocker lock(&m_portMutex);
     if (m_port) {

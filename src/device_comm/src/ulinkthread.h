@@ -105,6 +105,7 @@ private:
     int m_replyTimeout = 1000;
     uint16_t m_cycleDelay = 10;
     std::atomic<bool> m_running{false};
+    std::atomic<bool> m_stopRequested{false};  // survives a stop() that comes before run()
     bool m_mpi = false;
     std::atomic<bool> m_suspended{false};
     bool m_initialised = false;

@@ -1,0 +1,221 @@
+// A link thread on a real pty line, steered by the scripted test driver.
+#include "device_comm/communication.h"
+#include "device_comm/src/ulinkthread.h"
+#include "ptypair.h"
+#include "testsupport.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+
+using namespace lumbra::test;
+
+namespace {
+
+const int kLinkId = 0;
+
+bool eventually(const std::function<bool()> &cond, int timeoutMs = 3000)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!cond()) {
+        if (t.elapsed() > timeoutMs)
+            return false;
+        QThread::msleep(10);
+    }
+    return true;
+}
+
+class LinkThreadTest : public ::testing::Test {
+protected:
+    LogCapture log;
+    BoxRoot box;
+    std::unique_ptr<PtyPair> line;
+    std::unique_ptr<PtyEnd> device;
+    std::unique_ptr<ULinkThread> thread;
+
+    // COM1 maps to ttyO1 on this (non-R16) kernel; its status bit is LB 60104.
+    LinkValue link(const QString &property, int masterOrSlave = 0)
+    {
+        LinkValue l;
+        l.id = kLinkId;
+        l.linkName = "PLC1";
+        l.linkType = "COM1";
+        l.link_driver = "scripted";
+        l.master_or_slave = masterOrSlave;
+        l.baudrate = 115200;
+        l.data_bit = 8;
+        l.stop_bit = 1;
+        l.check_bit = "NONE";
+        l.comm_time = 5;
+        l.timeout1 = 80;
+        l.driver_property = property;
+        return l;
+    }
+
+    void openLine()
+    {
+        line = std::make_unique<PtyPair>(box.path() + "/dev/ttyO1", box.path() + "/peer");
+        ASSERT_TRUE(line->ok()) << line->log().toStdString();
+        device = std::make_unique<PtyEnd>(line->linkB());
+        ASSERT_TRUE(device->ok());
+    }
+
+    void stageDriver()
+    {
+        writeFile(box.path() + "/usr/brenta/project/driver/libscripted_0.so", readFile(SCRIPTED_DRIVER));
+    }
+
+    int start(const LinkValue &l)
+    {
+        thread = std::make_unique<ULinkThread>(kLinkId);
+        return thread->InitLink(l, &communication::_linkValueChangedCB, &communication::_linkErrorCallBack);
+    }
+
+    int counter(int which)
+    {
+        int v = -1;
+        thread->GetValue(0, "CNT", which, 2, reinterpret_cast<uchar *>(&v), 4);
+        return v;
+    }
+
+    int lb(int addr)
+    {
+        uchar v = 0xFF;
+        communication::getInstance()->getCommValue("LB", "LB", addr, 0, 1, &v);
+        return v;
+    }
+
+    void TearDown() override
+    {
+        thread.reset();
+    }
+};
+
+enum { CNT_DEALT, CNT_DISCONNECT, CNT_FRAMES, CNT_LAST_LEN };
+
+}  // namespace
+
+TEST_F(LinkThreadTest, GoodExchangesPollTheDeviceAndClearTheStatusBits)
+{
+    openLine();
+    stageDriver();
+    uchar one = 1;
+    communication::getInstance()->setCommValue("LB", "LB", 60104, 0, 1, &one);
+    ASSERT_EQ(start(link("results=1;station=7")), 0);
+    EXPECT_EQ(device->read(4, 2000), "REQ0");
+    ASSERT_TRUE(device->write("ANSWER"));
+    EXPECT_TRUE(eventually([&] { return counter(CNT_DEALT) >= 1; }));
+    EXPECT_TRUE(eventually([&] { return lb(60104) == 0 && lb(ULinkThread::stationErrorBit(1, 7)) == 0; }));
+    EXPECT_TRUE(eventually([&] { return counter(CNT_FRAMES) >= 3; }));  // polling goes on
+    EXPECT_TRUE(log.contains("CommPar:1-115200-8-1-NONE"));
+}
+
+TEST_F(LinkThreadTest, StationFailureSetsBitsAndTellsTheDriver)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=2;station=9")), 0);
+    EXPECT_TRUE(eventually([&] { return lb(60104) == 1 && lb(ULinkThread::stationErrorBit(1, 9)) == 1; }));
+    EXPECT_TRUE(eventually([&] { return counter(CNT_DISCONNECT) >= 1; }));
+    EXPECT_EQ(counter(CNT_LAST_LEN), 0);  // nobody answered: the driver saw the time-out
+    EXPECT_TRUE(log.contains("station:9 failed"));
+}
+
+TEST_F(LinkThreadTest, IncompleteRepliesKeepPollingWithoutFailing)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=3")), 0);
+    EXPECT_TRUE(eventually([&] { return counter(CNT_DEALT) >= 4; }));
+    EXPECT_EQ(counter(CNT_DISCONNECT), 0);
+    EXPECT_FALSE(log.contains("communication failed"));
+}
+
+TEST_F(LinkThreadTest, ExchangeFailureResetsThePortAndPauses)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=9;station=3")), 0);
+    EXPECT_TRUE(eventually([&] { return lb(60104) == 1; }));
+    QThread::msleep(1500);
+    // One exchange, then a 1 s pause before the next: far fewer than the
+    // dozens a 5 ms cycle would give.
+    EXPECT_LE(counter(CNT_DEALT), 3);
+    EXPECT_GE(counter(CNT_DEALT), 1);
+}
+
+TEST_F(LinkThreadTest, DriverCanAskForNewPortParameters)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=100,1;setup=1-9600-8-1-EVEN")), 0);
+    EXPECT_TRUE(eventually([&] { return log.contains("new port parameters:1-9600-8-1-EVEN"); }));
+    EXPECT_TRUE(eventually([&] { return counter(CNT_DEALT) >= 4; })) << log.text().toStdString();  // the port still works
+}
+
+TEST_F(LinkThreadTest, SlaveLinkAnswersRequestsWithTheDriversReply)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=6", 1)), 0);
+    ASSERT_TRUE(device->write("Q1"));
+    QByteArray reply = device->read(4, 2000);
+    EXPECT_TRUE(reply.startsWith("RSP")) << reply.toStdString();
+}
+
+TEST_F(LinkThreadTest, SuspendedLinkStaysQuiet)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=3")), 0);
+    EXPECT_TRUE(eventually([&] { return counter(CNT_FRAMES) >= 2; }));
+    thread->setSupend(true);
+    QThread::msleep(200);
+    int frames = counter(CNT_FRAMES);
+    QThread::msleep(300);
+    EXPECT_LE(counter(CNT_FRAMES), frames + 1);
+    thread->setSupend(false);
+    EXPECT_TRUE(eventually([&] { return counter(CNT_FRAMES) > frames + 2; }));
+}
+
+TEST_F(LinkThreadTest, MissingPortMarksTheLinkFailedAndRetries)
+{
+    stageDriver();
+    ASSERT_EQ(start(link("results=1")), -1);
+    EXPECT_TRUE(eventually([&] { return lb(60104) == 1; }));
+    EXPECT_TRUE(thread->isRunning());
+}
+
+TEST_F(LinkThreadTest, LinkWithoutADriverEndsItsThread)
+{
+    openLine();
+    writeFile(box.path() + "/usr/brenta/project/driver/libscripted_0.so", "not a library");
+    start(link("results=1"));
+    EXPECT_TRUE(thread->wait(3000));
+    EXPECT_TRUE(log.contains("load failed"));
+    EXPECT_TRUE(log.contains("driver link exit :PLC1"));
+    EXPECT_FALSE(thread->hasDriver());
+}
+
+TEST_F(LinkThreadTest, SecondInitIsRefused)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=3")), 0);
+    EXPECT_EQ(thread->InitLink(link("results=3"), nullptr, nullptr), -2);
+    EXPECT_TRUE(log.contains("link:PLC1 Already initialized"));
+}
+
+TEST_F(LinkThreadTest, AddressesResolveWithTheBitFormFirst)
+{
+    openLine();
+    stageDriver();
+    ASSERT_EQ(start(link("results=3")), 0);
+    EXPECT_EQ(thread->getAddrIndexFromStr("4X", "12", 1, 0), 1200);   // "12.0"
+    EXPECT_EQ(thread->getAddrIndexFromStr("4X", "12", 1, 1), 1299);   // as given
+    EXPECT_EQ(thread->getAddrIndexFromStr("BIT", "5", 1, 0), 599);    // driver said retry plain
+}
