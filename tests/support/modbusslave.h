@@ -1,0 +1,63 @@
+// A real Modbus slave (libmodbus) on a serial device or a loopback TCP port,
+// served from its own thread, to stand in for a PLC in tests.
+#pragma once
+
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+struct _modbus;
+struct _modbus_mapping_t;
+
+namespace lumbra::test {
+
+class ModbusSlave {
+public:
+    static const int kRegisters = 1000;
+
+    // Serves unit id `unit` on a serial device (8N1 at baud).
+    static std::unique_ptr<ModbusSlave> rtu(const QString &device, int baud, int unit);
+    // Serves unit id `unit` on 127.0.0.1:port.
+    static std::unique_ptr<ModbusSlave> tcp(int port, int unit);
+    ~ModbusSlave();
+
+    bool running() const { return m_running; }
+    // Stops answering and closes the line; start() serves again.
+    void stop();
+    bool start();
+
+    void setHolding(int addr, uint16_t value);
+    uint16_t holding(int addr);
+    void setInputRegister(int addr, uint16_t value);
+    void setCoil(int addr, bool value);
+    bool coil(int addr);
+    void setDiscreteInput(int addr, bool value);
+    int requests() const { return m_requests; }
+
+private:
+    ModbusSlave() = default;
+    bool open();
+    void serve();
+    void serveTcp();
+
+    QString m_device;
+    int m_baud = 0;
+    int m_port = 0;
+    int m_unit = 1;
+    _modbus *m_ctx = nullptr;
+    int m_listenFd = -1;
+    _modbus_mapping_t *m_map = nullptr;
+    std::mutex m_mutex;
+    std::thread m_thread;
+    std::atomic<bool> m_running{false};
+    std::atomic<int> m_requests{0};
+};
+
+// A TCP port on loopback that nothing listens on right now.
+int freeTcpPort();
+
+}  // namespace lumbra::test
