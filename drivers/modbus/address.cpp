@@ -1,0 +1,82 @@
+#include "address.h"
+
+#include <cctype>
+#include <cstring>
+
+namespace lumbra::modbus {
+
+namespace {
+
+// Decimal digits only, no sign or blanks: an address typed as "-1" or "1e3"
+// is a mistake the user should see, not a value we guess at.
+bool parseDecimal(const char *begin, const char *end, int max, int *out)
+{
+    if (begin == end)
+        return false;
+    long v = 0;
+    for (const char *p = begin; p != end; ++p) {
+        if (!std::isdigit(static_cast<unsigned char>(*p)))
+            return false;
+        v = v * 10 + (*p - '0');
+        if (v > max)
+            return false;
+    }
+    *out = static_cast<int>(v);
+    return true;
+}
+
+}  // namespace
+
+bool parseArea(const char *reg, Area *area)
+{
+    if (!reg || std::strlen(reg) != 2 || std::toupper(static_cast<unsigned char>(reg[1])) != 'X')
+        return false;
+    switch (reg[0]) {
+    case '0': *area = Area::Coils; return true;
+    case '1': *area = Area::DiscreteInputs; return true;
+    case '3': *area = Area::InputRegisters; return true;
+    case '4': *area = Area::HoldingRegisters; return true;
+    default: return false;
+    }
+}
+
+AddressCheck parseAddress(Area area, const char *text, Target *out)
+{
+    if (!text)
+        return AddressCheck::Invalid;
+    const char *end = text + std::strlen(text);
+    const char *dot = std::strchr(text, '.');
+    Target t;
+    t.area = area;
+    if (!parseDecimal(text, dot ? dot : end, kAddressSpace - 1, &t.address))
+        return AddressCheck::Invalid;
+    if (dot && isBitArea(area))
+        return AddressCheck::RetryPlain;
+    if (dot && !parseDecimal(dot + 1, end, 15, &t.bit))
+        return AddressCheck::Invalid;
+    *out = t;
+    return AddressCheck::Ok;
+}
+
+int encodeIndex(const Target &t)
+{
+    return t.bitOfWord() ? kBitOfWordBase + t.address * 16 + t.bit : t.address;
+}
+
+bool decodeIndex(Area area, int index, Target *out)
+{
+    Target t;
+    t.area = area;
+    if (index >= 0 && index < kAddressSpace) {
+        t.address = index;
+    } else if (!isBitArea(area) && index >= kBitOfWordBase && index < kBitOfWordBase + kAddressSpace * 16) {
+        t.address = (index - kBitOfWordBase) / 16;
+        t.bit = (index - kBitOfWordBase) % 16;
+    } else {
+        return false;
+    }
+    *out = t;
+    return true;
+}
+
+}  // namespace lumbra::modbus
