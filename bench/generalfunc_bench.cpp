@@ -11,6 +11,19 @@
 
 namespace {
 
+// Logging set up from rules, with the log files in a temp dir that lives as long as the caller's.
+void initLogging(const QTemporaryDir &dir, const QByteArray &rules)
+{
+    QString conf = dir.path() + "/zlog.conf";
+    QFile f(conf);
+    f.open(QIODevice::WriteOnly);
+    QByteArray text = rules;
+    f.write(text.replace("LOGDIR", dir.path().toUtf8()));
+    f.close();
+    zlog_init(conf.toLocal8Bit().constData());
+    g_zlog = zlog_get_category("iot");
+}
+
 void BM_value2str_u16_decimal(benchmark::State &state)
 {
     uint16_t v = 1234;
@@ -55,14 +68,8 @@ BENCHMARK(BM_value2str_bcd);
 void BM_log_line_to_file(benchmark::State &state)
 {
     QTemporaryDir dir;
-    QString conf = dir.path() + "/zlog.conf";
-    QFile f(conf);
-    f.open(QIODevice::WriteOnly);
-    f.write("[formats]\nsimple = \"%d(%F %T).%ms %-5V [%F:%L %U] %m%n\"\n[rules]\niot.INFO \"" +
-            (dir.path() + "/iot.log").toUtf8() + "\", 10MB * 3; simple\n");
-    f.close();
-    zlog_init(conf.toLocal8Bit().constData());
-    g_zlog = zlog_get_category("iot");
+    initLogging(dir, "[formats]\nsimple = \"%d(%F %T).%ms %-5V [%F:%L %U] %m%n\"\n"
+                     "[rules]\niot.INFO \"LOGDIR/iot.log\", 10MB * 3; simple\n");
     int i = 0;
     for (auto _ : state)
         zlog_info(g_zlog, "link:%s station:%d value:%d", "PLC1", 1, ++i);
@@ -74,13 +81,7 @@ BENCHMARK(BM_log_line_to_file);
 void BM_log_line_filtered(benchmark::State &state)
 {
     QTemporaryDir dir;
-    QString conf = dir.path() + "/zlog.conf";
-    QFile f(conf);
-    f.open(QIODevice::WriteOnly);
-    f.write("[rules]\niot.INFO \"" + (dir.path() + "/iot.log").toUtf8() + "\"\n");
-    f.close();
-    zlog_init(conf.toLocal8Bit().constData());
-    g_zlog = zlog_get_category("iot");
+    initLogging(dir, "[rules]\niot.INFO \"LOGDIR/iot.log\"\n");
     for (auto _ : state)
         zlog_debug(g_zlog, "value:%d", 42);
     zlog_fini();

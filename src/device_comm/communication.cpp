@@ -192,21 +192,12 @@ int communication::getIndexFromAddr(const QString &link, const QString &reg, con
     return t ? t->getAddrIndexFromStr(reg, addr, station, mode) : -1;
 }
 
-int communication::startLinkFromName(const QString &name)
+int communication::suspendLink(const QString &name, bool suspend)
 {
     ULinkThread *t = threadByName(name);
     if (!t)
         return 0;
-    t->setSupend(false);
-    return 1;
-}
-
-int communication::spendLinkFromName(const QString &name)
-{
-    ULinkThread *t = threadByName(name);
-    if (!t)
-        return 0;
-    t->setSupend(true);
+    t->setSupend(suspend);
     return 1;
 }
 

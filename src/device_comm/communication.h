@@ -42,8 +42,8 @@ public:
     // mode 0 asks for a bit (".0" is tried first), 1 for a word.
     int getIndexFromAddr(const QString &link, const QString &reg, const QString &addr, int station, int mode);
 
-    int startLinkFromName(const QString &name);
-    int spendLinkFromName(const QString &name);
+    int startLinkFromName(const QString &name) { return suspendLink(name, false); }
+    int spendLinkFromName(const QString &name) { return suspendLink(name, true); }
     // Shield or unshield one station of a link: writes to it are dropped.
     int spendStation(const QString &link, int station);
     int startStation(const QString &link, int station);
@@ -69,6 +69,7 @@ public:
 
 private:
     communication() = default;
+    int suspendLink(const QString &name, bool suspend);
     ULinkThread *threadByName(const QString &name) const;
     ULinkThread *threadById(int id) const;
     int stationFor(const QString &link, int station, int &key) const;

@@ -17,18 +17,6 @@ namespace {
 
 const int kLinkId = 0;
 
-bool eventually(const std::function<bool()> &cond, int timeoutMs = 3000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!cond()) {
-        if (t.elapsed() > timeoutMs)
-            return false;
-        QThread::msleep(10);
-    }
-    return true;
-}
-
 class LinkThreadTest : public ::testing::Test {
 protected:
     LogCapture log;

@@ -17,18 +17,6 @@ using namespace lumbra::test;
 
 namespace {
 
-bool eventually(const std::function<bool()> &cond, int timeoutMs = 5000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!cond()) {
-        if (t.elapsed() > timeoutMs)
-            return false;
-        QThread::msleep(10);
-    }
-    return true;
-}
-
 const int kTimeoutMs = 200;
 const int kRetries = 1;
 

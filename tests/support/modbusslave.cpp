@@ -25,11 +25,12 @@ int freeTcpPort()
     return port;
 }
 
-std::unique_ptr<ModbusSlave> ModbusSlave::rtu(const QString &device, int baud, int unit)
+std::unique_ptr<ModbusSlave> ModbusSlave::make(const QString &device, int baud, int port, int unit)
 {
     std::unique_ptr<ModbusSlave> s(new ModbusSlave);
     s->m_device = device;
     s->m_baud = baud;
+    s->m_port = port;
     s->m_unit = unit;
     s->m_map = modbus_mapping_new(kRegisters, kRegisters, kRegisters, kRegisters);
     if (!s->start())
@@ -37,15 +38,14 @@ std::unique_ptr<ModbusSlave> ModbusSlave::rtu(const QString &device, int baud, i
     return s;
 }
 
+std::unique_ptr<ModbusSlave> ModbusSlave::rtu(const QString &device, int baud, int unit)
+{
+    return make(device, baud, 0, unit);
+}
+
 std::unique_ptr<ModbusSlave> ModbusSlave::tcp(int port, int unit)
 {
-    std::unique_ptr<ModbusSlave> s(new ModbusSlave);
-    s->m_port = port;
-    s->m_unit = unit;
-    s->m_map = modbus_mapping_new(kRegisters, kRegisters, kRegisters, kRegisters);
-    if (!s->start())
-        return nullptr;
-    return s;
+    return make(QString(), 0, port, unit);
 }
 
 ModbusSlave::~ModbusSlave()

@@ -40,6 +40,7 @@ public:
 
 private:
     ModbusSlave() = default;
+    static std::unique_ptr<ModbusSlave> make(const QString &device, int baud, int port, int unit);
     bool open();
     void serve();
     void serveTcp();

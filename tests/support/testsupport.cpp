@@ -3,6 +3,8 @@
 #include "generalFunc/globals.h"
 
 #include <QDir>
+#include <QElapsedTimer>
+#include <QThread>
 #include <QFile>
 #include <QFileInfo>
 
@@ -10,6 +12,18 @@
 #include <gtest/gtest.h>
 
 namespace lumbra::test {
+
+bool eventually(const std::function<bool()> &cond, int timeoutMs)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!cond()) {
+        if (t.elapsed() > timeoutMs)
+            return false;
+        QThread::msleep(10);
+    }
+    return true;
+}
 
 void writeFile(const QString &path, const QByteArray &text)
 {

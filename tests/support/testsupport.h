@@ -4,6 +4,8 @@
 #include <QString>
 #include <QTemporaryDir>
 
+#include <functional>
+
 namespace lumbra::test {
 
 // A temp dir that is also the current directory while it lives, so "./..."
@@ -46,6 +48,9 @@ public:
 private:
     QTemporaryDir m_dir;
 };
+
+// Polls cond every 10 ms until it holds or timeoutMs passed.
+bool eventually(const std::function<bool()> &cond, int timeoutMs = 5000);
 
 void writeFile(const QString &path, const QByteArray &text);
 QByteArray readFile(const QString &path);
