@@ -1,1 +1,0 @@
-// Placeholder: the serial layer lands here.

@@ -1,0 +1,99 @@
+#include "ulinkport.h"
+
+#include "ulinkportserial.h"
+
+#include "generalFunc/globals.h"
+
+#include <QThread>
+
+namespace {
+
+// The one place that knows which class serves which port type. The network
+// and CAN ports join here when their classes exist.
+ULinkPort *newPort(ULinkPort::PortType type)
+{
+    switch (type) {
+    case ULinkPort::PORT_SERIAL_MASTER:
+    case ULinkPort::PORT_SERIAL_SLAVE:
+        return new ULinkPortSerial(type);
+    case ULinkPort::PORT_UDP_SERVER:
+    case ULinkPort::PORT_UDP_CLIENT:
+    case ULinkPort::PORT_TCP_CLIENT:
+    case ULinkPort::PORT_TCP_SERVER:
+    case ULinkPort::PORT_CAN:
+    case ULinkPort::PORT_RAW_TCP_SERVER:
+        zlog_info(g_zlog, "port type %d is not available in this build", static_cast<int>(type));
+        return nullptr;
+    }
+    zlog_info(g_zlog, "unknown port type %d", static_cast<int>(type));
+    return nullptr;
+}
+
+}  // namespace
+
+ULinkPort::ULinkPort(PortType type, QObject *parent) : QObject(parent), m_portType(type)
+{
+}
+
+ULinkPort::~ULinkPort() = default;
+
+void ULinkPort::MoveToThread(QThread *thread)
+{
+    moveToThread(thread);
+}
+
+void ULinkPort::setClientDataCB(void *callback, void *context)
+{
+    m_clientDataCB = callback;
+    m_clientDataContext = context;
+}
+
+void ULinkPort::setLinkPar(const LinkValue &link)
+{
+    m_linkPar = link;
+}
+
+int ULinkPort::Reset()
+{
+    return 0;
+}
+
+int ULinkPort::commStatus()
+{
+    return 0;
+}
+
+int ULinkPort::accept()
+{
+    return -1;
+}
+
+void ULinkPort::flush_clear()
+{
+}
+
+void ULinkPort::setSupendFlag(bool suspended)
+{
+    m_suspended = suspended;
+}
+
+ULinkPort *ULinkPort::CreatePort(PortType type, const std::string &text)
+{
+    ULinkPort *port = newPort(type);
+    if (!port)
+        return nullptr;
+    // setup() has logged why.
+    if (!port->setup(text)) {
+        delete port;
+        return nullptr;
+    }
+    return port;
+}
+
+void ULinkPort::ReleasePort(ULinkPort *port)
+{
+    if (!port)
+        return;
+    port->shutdown();
+    delete port;
+}

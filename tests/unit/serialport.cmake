@@ -1,0 +1,3 @@
+lumbra_add_test(serialport_test
+  SOURCES serialport_test.cpp serialposix_test.cpp ulinkport_test.cpp
+  LIBS lumbra_device_comm)
