@@ -153,10 +153,15 @@ bool ULinkPortSerial::openDevice()
 // Caller holds m_mutex.
 bool ULinkPortSerial::ready() const
 {
-    if (m_serial)
+    if (m_serial) {
+        m_closedReported = false;
         return true;
-    zlog_error(g_zlog, "serial port %s is not open",
-               m_device.isEmpty() ? "(never set up)" : m_device.toLocal8Bit().constData());
+    }
+    // One line per outage: the link thread asks on every turn.
+    if (!m_closedReported)
+        zlog_error(g_zlog, "serial port %s is not open",
+                   m_device.isEmpty() ? "(never set up)" : m_device.toLocal8Bit().constData());
+    m_closedReported = true;
     return false;
 }
 

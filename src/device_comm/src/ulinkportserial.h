@@ -79,4 +79,5 @@ private:
     // Used only through direct calls, never through signals, so it needs no
     // thread affinity of its own and may be called from any thread holding m_mutex.
     std::unique_ptr<Posix_QextSerialPort> m_serial;
+    mutable bool m_closedReported = false;
 };
