@@ -12,7 +12,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-enum { CNT_DEALT, CNT_DISCONNECT, CNT_FRAMES, CNT_LAST_LEN, CNT_MERGED, CNT_CODE, CNT_CODE_CALLS, CNT_MAX };
+enum { CNT_DEALT, CNT_DISCONNECT, CNT_FRAMES, CNT_LAST_LEN, CNT_MERGED, CNT_CODE, CNT_CODE_CALLS, CNT_MPI_INIT,
+       CNT_MPI_DEAL, CNT_MAX };
 
 static int g_results[32] = {1};
 static int g_resultCount = 1;
@@ -140,6 +141,19 @@ int intf_addrMerge(KEY_ADDRESS *list, int count)
     (void)list;
     g_counters[CNT_MERGED] = count;
     return 1;
+}
+
+int intf_mpiInit(char *text, int a, int b, int c, int d, int e, int f)
+{
+    (void)text, (void)a, (void)b, (void)c, (void)d, (void)e, (void)f;
+    g_counters[CNT_MPI_INIT]++;
+    return 0;
+}
+
+int intf_mpiDeal(void)
+{
+    g_counters[CNT_MPI_DEAL]++;
+    return 0;
 }
 
 int intf_setFunc(int id, void *arg)

@@ -52,9 +52,9 @@ protected:
         ASSERT_TRUE(device->ok());
     }
 
-    void stageDriver()
+    void stageDriver(const QString &name = "scripted")
     {
-        writeFile(box.path() + "/usr/brenta/project/driver/libscripted_0.so", readFile(SCRIPTED_DRIVER));
+        writeFile(box.path() + "/usr/brenta/project/driver/lib" + name + "_0.so", readFile(SCRIPTED_DRIVER));
     }
 
     int start(const LinkValue &l)
@@ -83,7 +83,7 @@ protected:
     }
 };
 
-enum { CNT_DEALT, CNT_DISCONNECT, CNT_FRAMES, CNT_LAST_LEN };
+enum { CNT_DEALT, CNT_DISCONNECT, CNT_FRAMES, CNT_LAST_LEN, CNT_MERGED, CNT_CODE, CNT_CODE_CALLS, CNT_MPI_INIT, CNT_MPI_DEAL };
 
 }  // namespace
 
@@ -206,4 +206,31 @@ TEST_F(LinkThreadTest, AddressesResolveWithTheBitFormFirst)
     EXPECT_EQ(thread->getAddrIndexFromStr("4X", "12", 1, 0), 1200);   // "12.0"
     EXPECT_EQ(thread->getAddrIndexFromStr("4X", "12", 1, 1), 1299);   // as given
     EXPECT_EQ(thread->getAddrIndexFromStr("BIT", "5", 1, 0), 599);    // driver said retry plain
+}
+
+TEST_F(LinkThreadTest, MpiDriversRunTheirOwnServiceInsteadOfFrames)
+{
+    stageDriver("siemens_s7_300_mpi");
+    LinkValue l = link("results=1");
+    l.link_driver = "siemens_s7_300_mpi";
+    l.link_device = "un300(mpi)";
+    EXPECT_EQ(start(l), 0);  // no serial port of ours is needed
+    EXPECT_TRUE(eventually([&] { return counter(CNT_MPI_DEAL) >= 3; }));
+    EXPECT_EQ(counter(CNT_MPI_INIT), 1);
+    EXPECT_EQ(counter(CNT_FRAMES), 0);
+}
+
+TEST_F(LinkThreadTest, Iec104ClientTurnReportsTheLinkFromWhatComesBack)
+{
+    openLine();
+    stageDriver();
+    LinkValue l = link("results=3,1");
+    l.linkName = "iec_104_client_1";
+    ASSERT_EQ(start(l), 0);
+    EXPECT_TRUE(device->read(4, 2000).startsWith("REQ"));
+    ASSERT_TRUE(device->write("APDU"));
+    // A reply the driver calls incomplete marks the link failed until the next
+    // frame goes out.
+    EXPECT_TRUE(eventually([&] { return log.contains("communication failed"); }));
+    EXPECT_TRUE(eventually([&] { return log.count("communicating") >= 2 && lb(60104) == 0; }));
 }

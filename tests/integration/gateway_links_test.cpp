@@ -1,0 +1,62 @@
+// The gateway process with real links: a Modbus RTU slave on a pty, and a link
+// whose driver file is broken.
+#include "modbusslave.h"
+#include "process.h"
+#include "ptypair.h"
+#include "testsupport.h"
+
+#include <gtest/gtest.h>
+
+using namespace lumbra::test;
+
+namespace {
+
+const QByteArray kConf = "[formats]\ns = \"%V [%F:%L] %m%n\"\n[rules]\niot.INFO >stdout; s\n";
+
+QByteArray linkJson(const char *name, const char *type, const char *driver)
+{
+    return QString(R"({"link_name":"%1","link_type":"%2","link_driver":"%3","baudrate":"115200","data_bit":"8",
+        "stop_bit":"1","check_bit":"NONE","plc_id":"1","comm_time":20,"timeout1":200,"retry_times":1})")
+        .arg(name, type, driver)
+        .toUtf8();
+}
+
+}  // namespace
+
+TEST(GatewayLinks, BrokenDriverEndsOnlyItsOwnLink)
+{
+    QTemporaryDir work, root;
+    PtyPair line(root.path() + "/dev/ttyO1", root.path() + "/slave");
+    ASSERT_TRUE(line.ok()) << line.log().toStdString();
+    auto slave = ModbusSlave::rtu(line.linkB(), 115200, 1);
+    ASSERT_TRUE(slave);
+    writeFile(work.path() + "/zlog.conf", kConf);
+    writeFile(work.path() + "/iotRunTime/driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
+    writeFile(work.path() + "/iotRunTime/driver/libbroken.so", "not a library");
+    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
+              "{\"data\":[" + linkJson("PLC1", "COM1", "modbus_rtu") + "," + linkJson("PLC2", "COM2", "broken") +
+                  "]}");
+    ChildProcess gw;
+    gw.setEnv("LUMBRA_SYSROOT", root.path());
+    ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    EXPECT_TRUE(gw.waitForOutput("driver link exit :PLC2", 5000)) << gw.output().toStdString();
+    EXPECT_TRUE(gw.output().contains("driver:" + root.path() + "/usr/brenta/project/driver/libbroken_1.so load failed"));
+    EXPECT_TRUE(gw.output().contains("InitLink Ret:0"));
+    // The healthy link has nothing registered yet, so its driver only answers for
+    // itself; its port is open and its thread alive.
+    EXPECT_TRUE(QFile::exists(root.path() + "/usr/brenta/project/driver/libmodbus_rtu_0.so"));
+    EXPECT_TRUE(gw.running());
+}
+
+TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
+{
+    QTemporaryDir work, root;
+    writeFile(work.path() + "/zlog.conf", kConf);
+    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json", "{\"data\": [ {\"link_name\": ");
+    ChildProcess gw;
+    gw.setEnv("LUMBRA_SYSROOT", root.path());
+    ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    EXPECT_TRUE(gw.waitForOutput("iot link File parsing failed", 5000)) << gw.output().toStdString();
+    EXPECT_TRUE(gw.waitForOutput("device sn:", 5000));
+    EXPECT_TRUE(gw.running());
+}
