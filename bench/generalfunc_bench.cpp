@@ -24,44 +24,23 @@ void initLogging(const QTemporaryDir &dir, const QByteArray &rules)
     g_zlog = zlog_get_category("iot");
 }
 
-void BM_value2str_u16_decimal(benchmark::State &state)
+// value2str of one value of type T, formatted as `type` with `decimal` digits.
+template <typename T>
+void valueToText(benchmark::State &state, T value, int type, int decimal)
 {
-    uint16_t v = 1234;
-    uint8_t buf[2];
-    std::memcpy(buf, &v, 2);
+    uint8_t buf[sizeof(T)];
+    std::memcpy(buf, &value, sizeof buf);
     for (auto _ : state)
-        benchmark::DoNotOptimize(unitTool::value2str(buf, 2, VALUE_U16, 2));
+        benchmark::DoNotOptimize(unitTool::value2str(buf, sizeof buf, type, decimal));
 }
+
+void BM_value2str_u16_decimal(benchmark::State &s) { valueToText<uint16_t>(s, 1234, VALUE_U16, 2); }
+void BM_value2str_s32(benchmark::State &s) { valueToText<int32_t>(s, -123456, VALUE_S32, 0); }
+void BM_value2str_float(benchmark::State &s) { valueToText<float>(s, 3.14159f, VALUE_FLOAT, 2); }
+void BM_value2str_bcd(benchmark::State &s) { valueToText<uint32_t>(s, 0x20240301, VALUE_BCD32, 0); }
 BENCHMARK(BM_value2str_u16_decimal);
-
-void BM_value2str_s32(benchmark::State &state)
-{
-    int32_t v = -123456;
-    uint8_t buf[4];
-    std::memcpy(buf, &v, 4);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(unitTool::value2str(buf, 4, VALUE_S32, 0));
-}
 BENCHMARK(BM_value2str_s32);
-
-void BM_value2str_float(benchmark::State &state)
-{
-    float v = 3.14159f;
-    uint8_t buf[4];
-    std::memcpy(buf, &v, 4);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(unitTool::value2str(buf, 4, VALUE_FLOAT, 2));
-}
 BENCHMARK(BM_value2str_float);
-
-void BM_value2str_bcd(benchmark::State &state)
-{
-    uint32_t v = 0x20240301;
-    uint8_t buf[4];
-    std::memcpy(buf, &v, 4);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(unitTool::value2str(buf, 4, VALUE_BCD32, 0));
-}
 BENCHMARK(BM_value2str_bcd);
 
 // A log line written to a file with the format the examples use.

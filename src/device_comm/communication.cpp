@@ -302,33 +302,33 @@ void communication::mergeLink(ULinkThread *thread)
               static_cast<int>(list.size()), rc);
 }
 
-void communication::setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type)
+void communication::mergeAllIfEnabled()
 {
-    m_external.set(type, list);
-    bool enabled;
     QList<ULinkThread *> threads;
     {
         QReadLocker lock(&m_lock);
-        enabled = m_externalEnabled;
+        if (!m_externalEnabled)
+            return;
         threads = m_threads;
     }
+    for (ULinkThread *t : threads)
+        mergeLink(t);
+}
+
+void communication::setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type)
+{
+    m_external.set(type, list);
     // Once polling is on, a service that registers again changes it at once.
-    if (enabled)
-        for (ULinkThread *t : threads)
-            mergeLink(t);
+    mergeAllIfEnabled();
 }
 
 void communication::enableExternalAddrInfo(bool enable)
 {
-    QList<ULinkThread *> threads;
     {
         QWriteLocker lock(&m_lock);
         m_externalEnabled = enable;
-        threads = m_threads;
     }
-    if (enable)
-        for (ULinkThread *t : threads)
-            mergeLink(t);
+    mergeAllIfEnabled();
 }
 
 void communication::_linkValueChangedCB(int linkId, int station, QString reg, int index)

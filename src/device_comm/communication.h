@@ -74,6 +74,7 @@ private:
     ULinkThread *threadById(int id) const;
     int stationFor(const QString &link, int station, int &key) const;
     void mergeLink(ULinkThread *thread);
+    void mergeAllIfEnabled();
     void addShieldedStations(const LinkValue &link);
 
     mutable QReadWriteLock m_lock;  // guards the lists below
