@@ -105,11 +105,8 @@ void ModbusSlave::serve()
     uint8_t req[MODBUS_RTU_MAX_ADU_LENGTH];
     while (m_running) {
         int n = modbus_receive(m_ctx, req);
-        if (n <= 0)
-            continue;  // time-out, a frame for another unit, or garbage
-        std::lock_guard<std::mutex> lock(m_mutex);
-        modbus_reply(m_ctx, req, n, m_map);
-        ++m_requests;
+        if (n > 0)  // else a time-out, a frame for another unit, or garbage
+            answer(req, n);
     }
 }
 
@@ -130,14 +127,26 @@ void ModbusSlave::serveTcp()
             int n = modbus_receive(m_ctx, req);
             if (n == -1 && errno != ETIMEDOUT)
                 break;  // the master hung up
-            if (n <= 0)
-                continue;
-            std::lock_guard<std::mutex> lock(m_mutex);
-            modbus_reply(m_ctx, req, n, m_map);
-            ++m_requests;
+            if (n > 0)
+                answer(req, n);
         }
         ::close(client);
     }
+}
+
+void ModbusSlave::answer(const uint8_t *req, int len)
+{
+    if (m_silent)
+        return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    modbus_reply(m_ctx, req, len, m_map);
+    ++m_requests;
+}
+
+void ModbusSlave::setHoldingCount(int count)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_map->nb_registers = count < 0 ? 0 : (count > kRegisters ? kRegisters : count);
 }
 
 void ModbusSlave::setHolding(int addr, uint16_t value)

@@ -17,7 +17,9 @@ namespace lumbra::test {
 
 class ModbusSlave {
 public:
-    static const int kRegisters = 1000;
+    // Cells per area: more than the 2000 bits one read may ask for, so that a
+    // read split at that limit is answered in full.
+    static const int kRegisters = 2048;
 
     // Serves unit id `unit` on a serial device (8N1 at baud).
     static std::unique_ptr<ModbusSlave> rtu(const QString &device, int baud, int unit);
@@ -36,6 +38,11 @@ public:
     void setCoil(int addr, bool value);
     bool coil(int addr);
     void setDiscreteInput(int addr, bool value);
+    // Serves holding registers below count only (at most kRegisters) and
+    // answers for the rest with an exception, as a device with a smaller map.
+    void setHoldingCount(int count);
+    // While silent, requests are read but never answered, as by a dead device.
+    void setSilent(bool silent) { m_silent = silent; }
     int requests() const { return m_requests; }
 
 private:
@@ -44,6 +51,7 @@ private:
     bool open();
     void serve();
     void serveTcp();
+    void answer(const uint8_t *req, int len);
 
     QString m_device;
     int m_baud = 0;
@@ -55,6 +63,7 @@ private:
     std::mutex m_mutex;
     std::thread m_thread;
     std::atomic<bool> m_running{false};
+    std::atomic<bool> m_silent{false};
     std::atomic<int> m_requests{0};
 };
 
