@@ -99,15 +99,11 @@ ULinkThread *communication::threadById(int id) const
 }
 
 // The station to use and its shield key; -1 when the station is shielded.
-int communication::stationFor(const QString &link, int station, int &key) const
+int communication::stationFor(const ULinkThread *thread, int station, int &key) const
 {
-    ULinkThread *t = threadByName(link);
-    if (!t)
-        return -1;
-    LinkValue lv = t->getLinkPro();
     if (station < 0)
-        station = lv.plc_id;
-    key = station + lv.id * 256;
+        station = thread->getLinkPro().plc_id;
+    key = station + thread->getLinkID() * 256;
     QReadLocker lock(&m_lock);
     return m_shielded.contains(key) ? -1 : station;
 }
@@ -120,7 +116,7 @@ int communication::getCommValue(const QString &link, const QString &reg, int add
         return m_local.get(local, addr, len, data);
     ULinkThread *t = threadByName(link);
     int key = 0;
-    if (!t || !data || len <= 0 || (station = stationFor(link, station, key)) < 0)
+    if (!t || !data || len <= 0 || (station = stationFor(t, station, key)) < 0)
         return -1;
     return t->GetValue(station, reg, addr, len, data, dataSize >= 0 ? dataSize : 2 * len);
 }
@@ -135,7 +131,7 @@ int communication::setCommValue(const QString &link, const QString &reg, int add
     int key = 0;
     if (!t || !data || len <= 0)
         return -1;
-    if ((station = stationFor(link, station, key)) < 0) {
+    if ((station = stationFor(t, station, key)) < 0) {
         zlog_debug(g_zlog, "link:%s station key %d shielded, write dropped", local8(link).constData(), key);
         return -1;
     }
@@ -185,8 +181,7 @@ int communication::getIndexFromAddr(const QString &link, const QString &reg, con
     if (local >= 0) {
         bool ok = false;
         int cell = addr.section('.', 0, 0).trimmed().toInt(&ok);
-        uchar probe[2];
-        return ok && m_local.get(local, cell, 1, probe) >= 0 ? cell : -1;
+        return ok && LocalRegisters::inRange(local, cell, 1) ? cell : -1;
     }
     ULinkThread *t = threadByName(link);
     return t ? t->getAddrIndexFromStr(reg, addr, station, mode) : -1;

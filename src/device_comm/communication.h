@@ -72,7 +72,7 @@ private:
     int suspendLink(const QString &name, bool suspend);
     ULinkThread *threadByName(const QString &name) const;
     ULinkThread *threadById(int id) const;
-    int stationFor(const QString &link, int station, int &key) const;
+    int stationFor(const ULinkThread *thread, int station, int &key) const;
     void mergeLink(ULinkThread *thread);
     void mergeAllIfEnabled();
     void addShieldedStations(const LinkValue &link);

@@ -27,7 +27,6 @@ public:
 
     static KEY_ADDRESS makeKey(const QString &link, const QString &reg, const QString &addr, int station,
                                int len, int type, int index = -1);
-    static bool sameAddress(const KEY_ADDRESS &a, const KEY_ADDRESS &b);
 
 private:
     mutable QMutex m_mutex;

@@ -10,6 +10,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <limits>
+
 namespace lumbra {
 namespace {
 
@@ -29,18 +31,13 @@ int intOf(const QJsonValue &v)
     return v.isDouble() ? v.toInt() : v.toString().trimmed().toInt();
 }
 
-uint16_t u16Of(const QJsonValue &v)
+// Unsigned of T's width in base 10; 0 when it does not convert or fit.
+template <typename T>
+T unsignedOf(const QJsonValue &v)
 {
     bool ok = false;
-    uint16_t n = textOf(v).trimmed().toUShort(&ok, 10);
-    return ok ? n : 0;
-}
-
-uint32_t u32Of(const QJsonValue &v)
-{
-    bool ok = false;
-    uint32_t n = textOf(v).trimmed().toUInt(&ok, 10);
-    return ok ? n : 0;
+    qulonglong n = textOf(v).trimmed().toULongLong(&ok, 10);
+    return ok && n <= std::numeric_limits<T>::max() ? static_cast<T>(n) : 0;
 }
 
 LinkValue recordOf(const QJsonObject &o, int id)
@@ -55,14 +52,14 @@ LinkValue recordOf(const QJsonObject &o, int id)
     l.driver_lib = o["driver_lib"].toString();
     l.remote_property = o["remote_property"].toString();
     l.hmi_ip = o["hmi_ip"].toString();
-    l.hmi_port = u16Of(o["hmi_port"]);
+    l.hmi_port = unsignedOf<uint16_t>(o["hmi_port"]);
     l.master_or_slave = intOf(o["master_or_slave"]);
-    l.baudrate = u32Of(o["baudrate"]);
-    l.data_bit = u32Of(o["data_bit"]);
+    l.baudrate = unsignedOf<uint32_t>(o["baudrate"]);
+    l.data_bit = unsignedOf<uint32_t>(o["data_bit"]);
     l.check_bit = o["check_bit"].toString();
-    l.stop_bit = u16Of(o["stop_bit"]);
-    l.screen_id = u16Of(o["screen_id"]);
-    l.plc_id = u16Of(o["plc_id"]);
+    l.stop_bit = unsignedOf<uint16_t>(o["stop_bit"]);
+    l.screen_id = unsignedOf<uint16_t>(o["screen_id"]);
+    l.plc_id = unsignedOf<uint16_t>(o["plc_id"]);
     l.serial_comm_protocol = intOf(o["serial_comm_protocol"]);
     l.comm_time = intOf(o["comm_time"]);
     l.timeout1 = intOf(o["timeout1"]);

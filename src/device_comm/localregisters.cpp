@@ -27,7 +27,7 @@ int LocalRegisters::indexOf(const QString &reg)
     return -1;
 }
 
-bool LocalRegisters::inRange(int area, int addr, int len) const
+bool LocalRegisters::inRange(int area, int addr, int len)
 {
     return area >= 0 && area <= LWF && addr >= 0 && len > 0 && addr < kCells[area] &&
            len <= kCells[area] - addr;

@@ -19,9 +19,9 @@ public:
     // -1 out of range, 0 when the bytes were already stored, 1 when written.
     int set(int area, int addr, int len, const uint8_t *data);
     int get(int area, int addr, int len, uint8_t *data) const;
+    static bool inRange(int area, int addr, int len);
 
 private:
-    bool inRange(int area, int addr, int len) const;
 
     mutable QMutex m_mutex;
     std::vector<uint16_t> m_words[4];  // LB uses m_bits instead

@@ -1,6 +1,7 @@
 #include "ulinkthread.h"
 
 #include "device_comm/communication.h"
+#include "device_comm/ctext.h"
 #include "generalFunc/boxpath.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
@@ -24,13 +25,6 @@ bool isR16Board()
         return std::strstr(out, "3.4.39") != nullptr;
     }();
     return r16;
-}
-
-void copyText(char *dst, size_t size, const QString &src)
-{
-    QByteArray b = src.toUtf8();
-    std::strncpy(dst, b.constData(), size - 1);
-    dst[size - 1] = '\0';
 }
 
 }  // namespace
@@ -114,10 +108,10 @@ void ULinkThread::fillLinkInfo(LUMBRA_LINK_INFO &info) const
     info.address_step = m_link.address_step;
     info.data_conver = m_link.data_conver;
     info.baudrate = static_cast<int32_t>(m_link.baudrate);
-    copyText(info.link_name, sizeof info.link_name, m_link.linkName);
-    copyText(info.link_device, sizeof info.link_device, m_link.link_device);
-    copyText(info.remote_property, sizeof info.remote_property, m_link.remote_property);
-    copyText(info.station_data_conver, sizeof info.station_data_conver, m_link.station_data_conver);
+    lumbra::copyCText(info.link_name, sizeof info.link_name, m_link.linkName);
+    lumbra::copyCText(info.link_device, sizeof info.link_device, m_link.link_device);
+    lumbra::copyCText(info.remote_property, sizeof info.remote_property, m_link.remote_property);
+    lumbra::copyCText(info.station_data_conver, sizeof info.station_data_conver, m_link.station_data_conver);
 }
 
 bool ULinkThread::initLib(int linkId, const char *driver, ValueChangedCB valueChangedCB)
@@ -147,7 +141,6 @@ int ULinkThread::InitLink(const LinkValue &link, ValueChangedCB valueChangedCB, 
     m_link = link;
     m_linkName = link.linkName;
     m_driverName = link.link_driver;
-    m_valueChangedCB = valueChangedCB;
     m_errorCB = errorCB;
     m_commType = getLinkCOMMType(link);
     m_commConfig = getLinkCOMMConfig(link);

@@ -111,7 +111,6 @@ private:
     bool m_initialised = false;
     QMutex m_portMutex;
     QHash<int, int> m_statusShadow;  // LB address -> last value written
-    ValueChangedCB m_valueChangedCB = nullptr;
     ErrorCB m_errorCB = nullptr;
     int m_silenceMs = 0;
     qint64 m_last104Rx = 0;
