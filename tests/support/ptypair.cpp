@@ -106,35 +106,4 @@ void PtyPair::stop()
     m_pid = -1;
 }
 
-PtyEnd::PtyEnd(const QString &path)
-    : m_fd(::open(path.toLocal8Bit().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
-{
-}
-
-bool PtyEnd::write(const QByteArray &bytes)
-{
-    return m_fd.valid() && ::write(m_fd.get(), bytes.constData(), bytes.size()) == bytes.size();
-}
-
-QByteArray PtyEnd::read(int want, int timeoutMs)
-{
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    QByteArray got;
-    while (m_fd.valid() && got.size() < want) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0)
-            break;
-        pollfd p{m_fd.get(), POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0)
-            continue;
-        char buf[256];
-        const ssize_t n = ::read(m_fd.get(), buf, std::min<size_t>(sizeof buf, want - got.size()));
-        if (n <= 0)
-            break;
-        got.append(buf, static_cast<int>(n));
-    }
-    return got;
-}
-
 }  // namespace lumbra::test

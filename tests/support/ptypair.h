@@ -2,8 +2,6 @@
 // written to one end comes out of the other.
 #pragma once
 
-#include "device_comm/serialport/fdhandle.h"
-
 #include <QByteArray>
 #include <QString>
 #include <sys/types.h>
@@ -39,23 +37,6 @@ private:
     QString m_logPath;
     pid_t m_pid = -1;
     bool m_ok = false;
-};
-
-// One end of the line opened with plain POSIX I/O (raw, non-blocking), to
-// play the device on the other side of the code under test.
-class PtyEnd {
-public:
-    explicit PtyEnd(const QString &path);
-    bool ok() const { return m_fd.valid(); }
-    int fd() const { return m_fd.get(); }
-    // Writes every byte; false when the line refused some.
-    bool write(const QByteArray &bytes);
-    // What arrived until want bytes were in or timeoutMs passed.
-    QByteArray read(int want, int timeoutMs);
-    void close() { m_fd.reset(); }
-
-private:
-    FdHandle m_fd;
 };
 
 }  // namespace lumbra::test

@@ -3,6 +3,7 @@
 #include "device_comm/serialport/fdhandle.h"
 #include "modbus_harness.h"
 #include "modbusslave.h"
+#include "fdend.h"
 #include "ptypair.h"
 #include "testsupport.h"
 
@@ -50,7 +51,7 @@ protected:
             pty = std::make_unique<PtyPair>(work.file("master"), work.file("slave"));
             ASSERT_TRUE(pty->ok()) << pty->log().toStdString();
             slave = ModbusSlave::rtu(pty->linkB(), 115200, kStation);
-            ptyEnd = std::make_unique<PtyEnd>(pty->linkA());
+            ptyEnd = std::make_unique<FdEnd>(pty->linkA());
             line = ptyEnd->fd();
         }
         ASSERT_TRUE(slave);
@@ -107,7 +108,7 @@ protected:
     WorkDir work;
     std::unique_ptr<PtyPair> pty;
     std::unique_ptr<ModbusSlave> slave;
-    std::unique_ptr<PtyEnd> ptyEnd;
+    std::unique_ptr<FdEnd> ptyEnd;
     std::unique_ptr<Driver> d;
     FdHandle tcpLine;
     int line = -1;

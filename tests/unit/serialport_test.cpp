@@ -1,4 +1,5 @@
 #include "device_comm/src/ulinkportserial.h"
+#include "fdend.h"
 #include "ptypair.h"
 #include "testsupport.h"
 
@@ -56,7 +57,7 @@ protected:
     LogCapture log;
     BoxRoot box;
     PtyPair pty{box.path() + "/dev/ttyO5", box.path() + "/peer"};
-    PtyEnd peer{pty.linkB()};
+    FdEnd peer{pty.linkB()};
     PortPtr port;
 };
 
@@ -259,7 +260,7 @@ TEST_F(SerialLine, ResetRestoresTheLineAndSurvivesItsLoss)
 
     PtyPair again(pty.linkA(), pty.linkB());
     ASSERT_TRUE(again.ok()) << again.log().toStdString();
-    PtyEnd newPeer(again.linkB());
+    FdEnd newPeer(again.linkB());
     EXPECT_EQ(serial->Reset(), 1);
     EXPECT_EQ(serial->Send("ok", 2), 2);
     EXPECT_EQ(newPeer.read(2, 1000), "ok");
