@@ -1,0 +1,1 @@
+lumbra_add_test(ulinkportcan_test SOURCES ulinkportcan_test.cpp LIBS lumbra_device_comm)
