@@ -5,3 +5,7 @@ add_dependencies(linkthread_test scripted_driver)
 lumbra_add_test(modbus_rtu_link_test SOURCES modbus_rtu_link_test.cpp LIBS lumbra_device_comm)
 target_compile_definitions(modbus_rtu_link_test PRIVATE MODBUS_RTU_DRIVER="$<TARGET_FILE:modbus_rtu>")
 add_dependencies(modbus_rtu_link_test modbus_rtu)
+
+lumbra_add_test(modbus_tcp_link_test SOURCES modbus_tcp_link_test.cpp LIBS lumbra_device_comm)
+target_compile_definitions(modbus_tcp_link_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
+add_dependencies(modbus_tcp_link_test modbus_tcp)

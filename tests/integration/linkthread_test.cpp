@@ -1,15 +1,20 @@
 // A link thread on a real pty line, steered by the scripted test driver.
 #include "device_comm/communication.h"
+#include "device_comm/src/ulinkporttcpserver.h"
 #include "device_comm/src/ulinkthread.h"
+#include "fdend.h"
+#include "modbusslave.h"
 #include "ptypair.h"
 #include "testsupport.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
 
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <vector>
 
 using namespace lumbra::test;
 
@@ -22,7 +27,7 @@ protected:
     LogCapture log;
     BoxRoot box;
     std::unique_ptr<PtyPair> line;
-    std::unique_ptr<PtyEnd> device;
+    std::unique_ptr<FdEnd> device;
     std::unique_ptr<ULinkThread> thread;
 
     // COM1 maps to ttyO1 on this (non-R16) kernel; its status bit is LB 60104.
@@ -48,7 +53,7 @@ protected:
     {
         line = std::make_unique<PtyPair>(box.path() + "/dev/ttyO1", box.path() + "/peer");
         ASSERT_TRUE(line->ok()) << line->log().toStdString();
-        device = std::make_unique<PtyEnd>(line->linkB());
+        device = std::make_unique<FdEnd>(line->linkB());
         ASSERT_TRUE(device->ok());
     }
 
@@ -233,4 +238,67 @@ TEST_F(LinkThreadTest, Iec104ClientTurnReportsTheLinkFromWhatComesBack)
     // frame goes out.
     EXPECT_TRUE(eventually([&] { return log.contains("communication failed"); }));
     EXPECT_TRUE(eventually([&] { return log.count("communicating") >= 2 && lb(60104) == 0; }));
+}
+
+namespace {
+
+LinkValue tcpServerLink(LinkValue l, int port, const QString &driver)
+{
+    l.linkType = "Ethernet/TCP";
+    l.master_or_slave = 1;
+    l.hmi_ip = "127.0.0.1";
+    l.hmi_port = static_cast<quint16>(port);
+    l.link_driver = driver;
+    return l;
+}
+
+}  // namespace
+
+TEST_F(LinkThreadTest, TcpServerLinkAnswersEachClientFromItsEventLoop)
+{
+    int argc = 0;
+    QCoreApplication app(argc, nullptr);  // the link thread's event loop needs one, as in the gateway
+    stageDriver();
+    uchar failed = 1;
+    communication::getInstance()->setCommValue("LB", "LB", 60106, 0, 1, &failed);
+    int port = freeTcpPort();
+    ASSERT_EQ(start(tcpServerLink(link("results=6"), port, "scripted")), 0);
+    std::vector<FdEnd> clients;
+    for (int i = 0; i < ULinkPortTcpServer::kMaxClients; ++i)
+        clients.push_back(tcpConnect(port));
+    ASSERT_TRUE(clients.back().ok());
+    ASSERT_TRUE(clients[0].write("Q1"));
+    EXPECT_EQ(clients[0].read(4, 2000), "RSP0");
+    ASSERT_TRUE(clients.back().write("Q2"));
+    EXPECT_EQ(clients.back().read(4, 2000), "RSP1");
+    EXPECT_TRUE(eventually([&] { return lb(60106) == 0; }));  // a served request marks the link good
+
+    FdEnd extra = tcpConnect(port);  // one too many: the server hangs up
+    ASSERT_TRUE(extra.ok());
+    extra.write("Q3");
+    EXPECT_TRUE(extra.read(4, 1000).isEmpty());
+    EXPECT_TRUE(eventually([&] { return log.contains("clients already, refusing 127.0.0.1"); }));
+    thread.reset();  // stop() ends the event loop
+}
+
+TEST_F(LinkThreadTest, Iec104ServerSplitsApdusThatArriveStuckTogether)
+{
+    stageDriver("iec_104_scripted");
+    int port = freeTcpPort();
+    ASSERT_EQ(start(tcpServerLink(link("results=1"), port, "iec_104_scripted")), 0);
+    FdEnd station = tcpConnect(port);
+    ASSERT_TRUE(station.ok());
+    const QByteArray startAct("\x68\x04\x07\x00\x00\x00", 6), testAct("\x68\x04\x43\x00\x00\x00", 6);
+    ASSERT_TRUE(station.write(startAct + testAct));
+    // One reply per APDU, each sent as soon as the driver dealt with it.
+    EXPECT_EQ(station.read(8, 3000), "REQ0REQ1");
+    EXPECT_EQ(counter(CNT_DEALT), 2);
+    EXPECT_EQ(counter(CNT_LAST_LEN), 6);
+    EXPECT_TRUE(log.contains("ip:127.0.0.1 conneted"));
+
+    ASSERT_TRUE(station.write(QByteArray("\x01\x02\x03", 3)));
+    EXPECT_TRUE(eventually([&] { return log.contains("Sticking package parsing error fail return;"); }));
+    ASSERT_TRUE(station.write(QByteArray("\x68\x0E\x00", 3)));  // promises 16 bytes, brings 3
+    EXPECT_TRUE(eventually([&] { return log.contains("Sticking package parsing error return;"); }));
+    EXPECT_EQ(counter(CNT_DEALT), 2);
 }

@@ -1,6 +1,13 @@
 #include "ulinkport.h"
 
+#include "uclinktcpserver.h"
+#include "ulinkfreeporttcpclient.h"
+#include "ulinkportcan.h"
 #include "ulinkportserial.h"
+#include "ulinkporttcpclient.h"
+#include "ulinkporttcpserver.h"
+#include "ulinkportudpclient.h"
+#include "ulinkportudpserver.h"
 
 #include "generalFunc/globals.h"
 
@@ -8,8 +15,7 @@
 
 namespace {
 
-// The one place that knows which class serves which port type. The network
-// and CAN ports join here when their classes exist.
+// The one place that knows which class serves which port type.
 ULinkPort *newPort(ULinkPort::PortType type)
 {
     switch (type) {
@@ -17,13 +23,17 @@ ULinkPort *newPort(ULinkPort::PortType type)
     case ULinkPort::PORT_SERIAL_SLAVE:
         return new ULinkPortSerial(type);
     case ULinkPort::PORT_UDP_SERVER:
+        return new ULinkPortUdpServer;
     case ULinkPort::PORT_UDP_CLIENT:
+        return new ULinkPortUdpClient;
     case ULinkPort::PORT_TCP_CLIENT:
+        return new ULinkPortTcpClient;
     case ULinkPort::PORT_TCP_SERVER:
+        return new ULinkPortTcpServer;
     case ULinkPort::PORT_CAN:
+        return new ULinkPortCAN;
     case ULinkPort::PORT_RAW_TCP_SERVER:
-        zlog_info(g_zlog, "port type %d is not available in this build", static_cast<int>(type));
-        return nullptr;
+        return new UClinkTcpServer;
     }
     zlog_info(g_zlog, "unknown port type %d", static_cast<int>(type));
     return nullptr;
@@ -79,7 +89,16 @@ void ULinkPort::setSupendFlag(bool suspended)
 
 ULinkPort *ULinkPort::CreatePort(PortType type, const std::string &text)
 {
-    ULinkPort *port = newPort(type);
+    return setUp(newPort(type), text);
+}
+
+ULinkPort *ULinkPort::CreateFreePort(PortType type, const std::string &text)
+{
+    return type == PORT_TCP_CLIENT ? setUp(new ULinkFreePortTcpClient, text) : CreatePort(type, text);
+}
+
+ULinkPort *ULinkPort::setUp(ULinkPort *port, const std::string &text)
+{
     if (!port)
         return nullptr;
     // setup() has logged why.

@@ -26,6 +26,11 @@ public:
         PORT_RAW_TCP_SERVER = 7, // IEC 60870-5-104
     };
 
+    // What server ports call with each request from a client (the callback
+    // registered through setClientDataCB, context first). A reply left in
+    // *reply goes back to that client.
+    using ClientDataFn = void (*)(void *context, const QByteArray &request, QByteArray *reply);
+
     explicit ULinkPort(PortType type, QObject *parent = nullptr);
     ~ULinkPort() override;
 
@@ -35,7 +40,8 @@ public:
     // false after one log line saying why.
     virtual bool setup(const std::string &text) = 0;
     virtual void MoveToThread(QThread *thread);
-    // Server ports hand data from their clients to this callback.
+    // Server ports hand data from their clients to callback (a ClientDataFn)
+    // once both it and context are set.
     virtual void setClientDataCB(void *callback, void *context);
     virtual void setLinkPar(const LinkValue &link);
     // Bytes appended to buffer, 0 when nothing came within timeoutMs, negative on failure.
@@ -55,6 +61,9 @@ public:
     // The port for type, set up with text; null (with a log line) when the
     // type has no port here or the set-up failed.
     static ULinkPort *CreatePort(PortType type, const std::string &text);
+    // Free-protocol links are driven from the script threads as well as their
+    // own, so their TCP client is a plain socket; other types as CreatePort.
+    static ULinkPort *CreateFreePort(PortType type, const std::string &text);
     // Shuts the port down and deletes it; null is ignored.
     static void ReleasePort(ULinkPort *port);
 
@@ -65,5 +74,7 @@ protected:
     bool m_suspended = false;
 
 private:
+    static ULinkPort *setUp(ULinkPort *port, const std::string &text);
+
     const PortType m_portType;
 };

@@ -7,6 +7,9 @@
 #include "generalFunc/globals.h"
 #include "ulinkport.h"
 
+#include <QRegularExpression>
+#include <QTimer>
+
 #include <cstring>
 
 namespace {
@@ -15,6 +18,8 @@ QByteArray local8(const QString &s)
 {
     return s.toLocal8Bit();
 }
+
+const unsigned kDefaultCanBitrate = 250000;
 
 bool isR16Board()
 {
@@ -67,8 +72,16 @@ int ULinkThread::comNumber(const LinkValue &link)
     return link.linkType.contains("COM") && m >= 0 ? link.linkType.mid(m + 1).trimmed().toInt() : 0;
 }
 
+QString ULinkThread::canInterface(const LinkValue &link)
+{
+    QString name = link.linkType.toLower().remove(QRegularExpression("[^a-z0-9]"));
+    return name == "can" ? QString("can0") : name;
+}
+
 QString ULinkThread::getLinkCOMMConfig(const LinkValue &link)
 {
+    if (getLinkCOMMType(link) == 6)
+        return QString("%1:%2").arg(canInterface(link)).arg(link.baudrate > 0 ? link.baudrate : kDefaultCanBitrate);
     if (link.linkType.contains("COM"))
         return QString("%1-%2-%3-%4-%5")
             .arg(comNumber(link))
@@ -185,12 +198,16 @@ int ULinkThread::InitPort()
         parts << QString::number(m_link.serial_comm_protocol);
         text = parts.join('-').toStdString();
     }
-    ULinkPort *port = ULinkPort::CreatePort(static_cast<ULinkPort::PortType>(m_commType), text);
+    auto type = static_cast<ULinkPort::PortType>(m_commType);
+    ULinkPort *port = m_driverName == "free_protocol" ? ULinkPort::CreateFreePort(type, text)
+                                                      : ULinkPort::CreatePort(type, text);
     if (!port) {
         zlog_info(g_zlog, "link:%s port open failed:%s", local8(m_linkName).constData(), text.c_str());
         return -1;
     }
     port->setLinkPar(m_link);
+    if (m_commType == ULinkPort::PORT_TCP_SERVER)
+        port->setClientDataCB(reinterpret_cast<void *>(&ULinkThread::clientRequestCB), this);
     port->MoveToThread(this);
     m_port = port;
     return 0;
@@ -245,12 +262,9 @@ void ULinkThread::run()
                 continue;
             }
         }
-        if (m_commType == 5) {
-            if (!m_stopRequested)
-                exec();  // the server port lives on this thread's event loop
-            continue;
-        }
-        {
+        if (m_commType == ULinkPort::PORT_TCP_SERVER) {
+            serveEvents();
+        } else {
             QMutexLocker lock(&m_portMutex);
             runTurn();
         }
@@ -262,6 +276,21 @@ void ULinkThread::run()
         m_port = nullptr;
     }
     zlog_debug(g_zlog, "%s %s @@@", "device_comm/src/ulinkthread", __func__);
+}
+
+// The TCP server port lives on this thread's event loop. A quit() that
+// comes before exec() starts would be lost, so the loop watches the stop
+// flag itself.
+void ULinkThread::serveEvents()
+{
+    QTimer stopWatch;
+    stopWatch.setInterval(50);
+    connect(&stopWatch, &QTimer::timeout, [this] {
+        if (m_stopRequested)
+            exit(0);
+    });
+    stopWatch.start();
+    exec();
 }
 
 void ULinkThread::runTurn()

@@ -41,6 +41,9 @@ public:
     static int gettyOIDFromComID(int comId);
     // The COM number of a serial link ("COM3" -> 3), or 0.
     static int comNumber(const LinkValue &link);
+    // The SocketCAN interface of a CAN link: its type in lower case ("CAN1"
+    // -> "can1"), "can0" for a bare "CAN".
+    static QString canInterface(const LinkValue &link);
 
     int SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len);
     int GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len);
@@ -75,6 +78,9 @@ protected:
 
 private:
     void runTurn();
+    void serveEvents();
+    static void clientRequestCB(void *context, const QByteArray &request, QByteArray *reply);
+    void serveClientRequest(const QByteArray &request, QByteArray *reply);
     void deal_Protocol();
     void dealSlave();
     void dealIec104Client();

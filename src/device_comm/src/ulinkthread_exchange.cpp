@@ -114,6 +114,28 @@ void ULinkThread::dealSlave()
     dealRecvFrameResult(result, text);
 }
 
+void ULinkThread::clientRequestCB(void *context, const QByteArray &request, QByteArray *reply)
+{
+    static_cast<ULinkThread *>(context)->serveClientRequest(request, reply);
+}
+
+// A TCP server link's request, on this thread's event loop: the driver
+// answers it as a slave does a serial one.
+void ULinkThread::serveClientRequest(const QByteArray &request, QByteArray *reply)
+{
+    QMutexLocker lock(&m_portMutex);
+    if (!m_driver || m_suspended)
+        return;
+    QString text;
+    int result = m_driver->DealRecvFrame(request, text);
+    if (result == LUMBRA_RESULT_SLAVE_REPLY && fetchSendFrame())
+        *reply = QByteArray(reinterpret_cast<const char *>(m_sendFrame.data), m_sendFrame.len);
+    m_sendFrame.len = 0;
+    if (result == LUMBRA_RESULT_SLAVE_REPLY || result == LUMBRA_RESULT_GOOD)
+        setSpeAddrComError(true);
+    dealRecvFrameResult(result, text);
+}
+
 void ULinkThread::dealIec104Client()
 {
     if (m_port->commStatus() == 0) {
