@@ -1,13 +1,10 @@
 // Modbus RTU transactions per second through the whole link path (link
 // manager, link thread, reference driver, serial port) over a pty at 115200
 // baud, against a libmodbus slave, compared with what the line itself allows.
-#include "device_comm/communication.h"
-#include "generalFunc/globals.h"
+#include "benchlink.h"
 #include "modbusslave.h"
 #include "ptypair.h"
 #include "testsupport.h"
-
-#include <QThread>
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,30 +30,19 @@ int main(int argc, char **argv)
     const int registers = argc > 2 ? std::atoi(argv[2]) : 10;
     WorkDir work;
     BoxRoot box;
-    zlog_init("/nonexistent");  // INFO to stdout; the bench prints its own lines
-    g_zlog = zlog_get_category("iot");
     PtyPair line(box.path() + "/dev/ttyO1", box.path() + "/slave");
     auto slave = line.ok() ? ModbusSlave::rtu(line.linkB(), 115200, 1) : nullptr;
     if (!slave) {
         std::fprintf(stderr, "cannot start the pty and the slave\n");
         return 1;
     }
-    work.write("iotRunTime/driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
-    work.write("iotRunTime/LinkConfiguration.json",
-               R"({"data":[{"link_name":"PLC1","link_type":"COM1","link_driver":"modbus_rtu","baudrate":"115200",
-               "data_bit":"8","stop_bit":"1","check_bit":"NONE","plc_id":"1","comm_time":1,"timeout1":200,
-               "retry_times":1}]})");
-    communication *comm = communication::getInstance();
-    comm->initLinks();
-    int index = comm->getIndexFromAddr("PLC1", "4X", "0", 1, 1);
-    comm->setExternalAddrInfo({ExternalAddrTable::makeKey("PLC1", "4X", "0", 1, registers, 0, index)}, 0);
-    comm->enableExternalAddrInfo(true);
-
-    QThread::msleep(500);  // let the link settle
-    int before = slave->requests();
-    QThread::sleep(seconds);
-    int done = slave->requests() - before;
-    comm->stopLinks();
+    lumbra::bench::startLink(work, MODBUS_RTU_DRIVER, "modbus_rtu",
+                             R"({"link_name":"PLC1","link_type":"COM1","link_driver":"modbus_rtu","baudrate":"115200",
+                             "data_bit":"8","stop_bit":"1","check_bit":"NONE","plc_id":"1","comm_time":1,
+                             "timeout1":200,"retry_times":1})",
+                             registers);
+    int done = lumbra::bench::countRequests(*slave, seconds);
+    communication::getInstance()->stopLinks();
 
     double rate = double(done) / seconds;
     double limit = lineLimitPerSecond(115200, registers);

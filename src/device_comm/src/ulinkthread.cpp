@@ -20,6 +20,7 @@ QByteArray local8(const QString &s)
 }
 
 const unsigned kDefaultCanBitrate = 250000;
+const int kIdlePauseMs = 10;
 
 bool isR16Board()
 {
@@ -236,11 +237,12 @@ void ULinkThread::run()
         zlog_info(g_zlog, "driver link exit :%s", local8(m_linkName).constData());
         return;
     }
-    m_cycleDelay = m_link.comm_time > 0 ? static_cast<uint16_t>(m_link.comm_time) : 10;
+    // 0 polls back to back; turns with nothing to do still rest (idlePause).
+    m_cycleDelay = static_cast<uint16_t>(qBound(0, m_link.comm_time, 65535));
     m_running = !m_stopRequested;
     while (m_running && !m_stopRequested) {
         if (m_suspended) {
-            pause(m_cycleDelay);
+            pause(idlePause());
             continue;
         }
         if (!m_driver) {
@@ -249,7 +251,7 @@ void ULinkThread::run()
         }
         if (m_mpi) {
             dealMPI();
-            pause(m_cycleDelay);
+            pause(idlePause());
             continue;
         }
         if (!m_port) {
@@ -262,13 +264,14 @@ void ULinkThread::run()
                 continue;
             }
         }
+        bool exchanged = false;
         if (m_commType == ULinkPort::PORT_TCP_SERVER) {
             serveEvents();
         } else {
             QMutexLocker lock(&m_portMutex);
-            runTurn();
+            exchanged = runTurn();
         }
-        pause(m_cycleDelay);
+        pause(exchanged ? m_cycleDelay : idlePause());
     }
     QMutexLocker lock(&m_portMutex);
     if (m_port) {
@@ -293,19 +296,32 @@ void ULinkThread::serveEvents()
     exec();
 }
 
-void ULinkThread::runTurn()
+// A turn that found nothing to do must not come straight round again, or a
+// link with nothing to poll would spin a core.
+int ULinkThread::idlePause() const
+{
+    return qMax<int>(m_cycleDelay, kIdlePauseMs);
+}
+
+bool ULinkThread::runTurn()
 {
     if (!m_port)
-        return;
-    if (m_commType == 1)
+        return false;
+    if (m_commType == 1) {
         dealSlave();
-    else if (m_commType == 7) {
-        if (m_port->accept() != -1)
-            deal_104_msg();
-    } else if (m_linkName.contains("iec_104_client"))
+        return true;
+    }
+    if (m_commType == 7) {
+        if (m_port->accept() == -1)
+            return false;
+        deal_104_msg();
+        return true;
+    }
+    if (m_linkName.contains("iec_104_client")) {
         dealIec104Client();
-    else
-        deal_Protocol();
+        return true;
+    }
+    return deal_Protocol();
 }
 
 void ULinkThread::setSupend(bool suspend)

@@ -77,11 +77,13 @@ protected:
     void run() override;
 
 private:
-    void runTurn();
+    // True when the turn exchanged something with the device.
+    bool runTurn();
+    int idlePause() const;
     void serveEvents();
     static void clientRequestCB(void *context, const QByteArray &request, QByteArray *reply);
     void serveClientRequest(const QByteArray &request, QByteArray *reply);
-    void deal_Protocol();
+    bool deal_Protocol();
     void dealSlave();
     void dealIec104Client();
     void deal_104_msg();
@@ -109,7 +111,7 @@ private:
     QString m_commConfig;
     int m_ttyNumber = -1;
     int m_replyTimeout = 1000;
-    uint16_t m_cycleDelay = 10;
+    uint16_t m_cycleDelay = 0;
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_stopRequested{false};  // survives a stop() that comes before run()
     bool m_mpi = false;

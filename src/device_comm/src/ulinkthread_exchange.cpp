@@ -26,12 +26,13 @@ int ULinkThread::sendFrame()
     return m_port->Send(reinterpret_cast<const char *>(m_sendFrame.data), m_sendFrame.len);
 }
 
-void ULinkThread::deal_Protocol()
+// False when the driver had nothing to send.
+bool ULinkThread::deal_Protocol()
 {
     QByteArray stale;
     m_port->Recv(stale, 0);
     if (!fetchSendFrame())
-        return;
+        return false;
     stale.clear();
     m_port->Recv(stale, 0);
     m_recvBuf.clear();
@@ -39,14 +40,14 @@ void ULinkThread::deal_Protocol()
         m_port->Reset();
         setSpeAddrComError(false);
         pause(kFailurePauseMs);
-        return;
+        return true;
     }
     if (m_port->Recv(m_recvBuf, m_replyTimeout) < 0) {
         m_port->Reset();
         pause(kFailurePauseMs);
         setSpeAddrComError(false);
         setSpeAddrStationError(m_station, false);
-        return;
+        return true;
     }
     QString text;
     int result = m_driver->DealRecvFrame(m_recvBuf, text);
@@ -54,6 +55,7 @@ void ULinkThread::deal_Protocol()
         m_station = text;
     actOnMasterResult(result);
     dealRecvFrameResult(result, text);
+    return true;
 }
 
 void ULinkThread::actOnMasterResult(int result)
