@@ -3,6 +3,7 @@
 #include "device_comm/src/ulinkporttcpserver.h"
 #include "device_comm/src/ulinkthread.h"
 #include "fdend.h"
+#include "linkprobe.h"
 #include "modbusslave.h"
 #include "ptypair.h"
 #include "testsupport.h"
@@ -75,13 +76,6 @@ protected:
         return v;
     }
 
-    int lb(int addr)
-    {
-        uchar v = 0xFF;
-        communication::getInstance()->getCommValue("LB", "LB", addr, 0, 1, &v);
-        return v;
-    }
-
     void TearDown() override
     {
         thread.reset();
@@ -102,7 +96,7 @@ TEST_F(LinkThreadTest, GoodExchangesPollTheDeviceAndClearTheStatusBits)
     EXPECT_EQ(device->read(4, 2000), "REQ0");
     ASSERT_TRUE(device->write("ANSWER"));
     EXPECT_TRUE(eventually([&] { return counter(CNT_DEALT) >= 1; }));
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 0 && lb(ULinkThread::stationErrorBit(1, 7)) == 0; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0 && localBit(ULinkThread::stationErrorBit(1, 7)) == 0; }));
     EXPECT_TRUE(eventually([&] { return counter(CNT_FRAMES) >= 3; }));  // polling goes on
     EXPECT_TRUE(log.contains("CommPar:1-115200-8-1-NONE"));
 }
@@ -112,7 +106,7 @@ TEST_F(LinkThreadTest, StationFailureSetsBitsAndTellsTheDriver)
     openLine();
     stageDriver();
     ASSERT_EQ(start(link("results=2;station=9")), 0);
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 1 && lb(ULinkThread::stationErrorBit(1, 9)) == 1; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 1 && localBit(ULinkThread::stationErrorBit(1, 9)) == 1; }));
     EXPECT_TRUE(eventually([&] { return counter(CNT_DISCONNECT) >= 1; }));
     EXPECT_EQ(counter(CNT_LAST_LEN), 0);  // nobody answered: the driver saw the time-out
     EXPECT_TRUE(log.contains("station:9 failed"));
@@ -133,7 +127,7 @@ TEST_F(LinkThreadTest, ExchangeFailureResetsThePortAndPauses)
     openLine();
     stageDriver();
     ASSERT_EQ(start(link("results=9;station=3")), 0);
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 1; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 1; }));
     QThread::msleep(1500);
     // One exchange, then a 1 s pause before the next: far fewer than the
     // dozens a 5 ms cycle would give.
@@ -179,7 +173,7 @@ TEST_F(LinkThreadTest, MissingPortMarksTheLinkFailedAndRetries)
 {
     stageDriver();
     ASSERT_EQ(start(link("results=1")), -1);
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 1; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 1; }));
     EXPECT_TRUE(thread->isRunning());
 }
 
@@ -237,7 +231,7 @@ TEST_F(LinkThreadTest, Iec104ClientTurnReportsTheLinkFromWhatComesBack)
     // A reply the driver calls incomplete marks the link failed until the next
     // frame goes out.
     EXPECT_TRUE(eventually([&] { return log.contains("communication failed"); }));
-    EXPECT_TRUE(eventually([&] { return log.count("communicating") >= 2 && lb(60104) == 0; }));
+    EXPECT_TRUE(eventually([&] { return log.count("communicating") >= 2 && localBit(60104) == 0; }));
 }
 
 namespace {
@@ -271,7 +265,7 @@ TEST_F(LinkThreadTest, TcpServerLinkAnswersEachClientFromItsEventLoop)
     EXPECT_EQ(clients[0].read(4, 2000), "RSP0");
     ASSERT_TRUE(clients.back().write("Q2"));
     EXPECT_EQ(clients.back().read(4, 2000), "RSP1");
-    EXPECT_TRUE(eventually([&] { return lb(60106) == 0; }));  // a served request marks the link good
+    EXPECT_TRUE(eventually([&] { return localBit(60106) == 0; }));  // a served request marks the link good
 
     FdEnd extra = tcpConnect(port);  // one too many: the server hangs up
     ASSERT_TRUE(extra.ok());

@@ -2,6 +2,7 @@
 // driver -> serial port -> pty -> a libmodbus slave.
 #include "device_comm/communication.h"
 #include "device_comm/src/ulinkthread.h"
+#include "linkprobe.h"
 #include "modbusslave.h"
 #include "ptypair.h"
 #include "testsupport.h"
@@ -63,19 +64,7 @@ protected:
 
     void TearDown() override { comm->stopLinks(); }
 
-    uint16_t word(int index)
-    {
-        uint16_t v = 0;
-        comm->getCommValue("PLC1", "4X", index, 1, 1, reinterpret_cast<uchar *>(&v));
-        return v;
-    }
-
-    int lb(int addr)
-    {
-        uchar v = 0xFF;
-        comm->getCommValue("LB", "LB", addr, 0, 1, &v);
-        return v;
-    }
+    uint16_t word(int index) { return holdingWord("PLC1", index); }
 };
 
 }  // namespace
@@ -107,7 +96,7 @@ TEST_F(RtuLink, RegisteredValuesArePolledFromTheSlave)
         comm->getCommValue("PLC1", "4X", f32, 1, 2, reinterpret_cast<uchar *>(&got));
         return got == 21.5f;
     }));
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 0; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0; }));
     EXPECT_TRUE(log.contains("link:PLC1 polls 4 addresses"));
 }
 
@@ -136,16 +125,16 @@ TEST_F(RtuLink, ShieldedStationWritesAreDropped)
 
 TEST_F(RtuLink, DeadSlaveSetsTheStatusBitAndRecoveryClearsIt)
 {
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 0; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0; }));
     slave->stop();
     QElapsedTimer t;
     t.start();
     // One time-out plus the retries, per poll block, with room for the cycle.
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 1; }, (kRetries + 1) * kTimeoutMs * 3 + 1000));
-    EXPECT_TRUE(lb(ULinkThread::stationErrorBit(1, 1)) == 1);
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 1; }, (kRetries + 1) * kTimeoutMs * 3 + 1000));
+    EXPECT_TRUE(localBit(ULinkThread::stationErrorBit(1, 1)) == 1);
     ASSERT_TRUE(slave->start());
     slave->setHolding(10, 777);
-    EXPECT_TRUE(eventually([&] { return lb(60104) == 0 && word(hr) == 777; }));
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0 && word(hr) == 777; }));
     EXPECT_TRUE(log.contains("link:PLC1 communication failed"));
     EXPECT_TRUE(log.contains("link:PLC1 communicating"));
 }

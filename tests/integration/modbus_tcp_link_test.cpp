@@ -1,6 +1,7 @@
 // The whole device path over Ethernet: link manager -> link thread ->
 // reference Modbus TCP driver -> TCP client port -> a libmodbus TCP slave.
 #include "device_comm/communication.h"
+#include "linkprobe.h"
 #include "modbusslave.h"
 #include "testsupport.h"
 
@@ -43,19 +44,8 @@ protected:
 
     void TearDown() override { comm->stopLinks(); }
 
-    uint16_t word()
-    {
-        uint16_t v = 0;
-        comm->getCommValue("PLC1", "4X", hr, 1, 1, reinterpret_cast<uchar *>(&v));
-        return v;
-    }
-
-    int linkBit()
-    {
-        uchar v = 0xFF;
-        comm->getCommValue("LB", "LB", kLinkStatusBit, 0, 1, &v);
-        return v;
-    }
+    uint16_t word() { return holdingWord("PLC1", hr); }
+    int linkBit() { return localBit(kLinkStatusBit); }
 };
 
 }  // namespace

@@ -40,6 +40,19 @@ bool toSockaddr(const Endpoint &ep, sockaddr_in *out)
     return true;
 }
 
+bool parseIPv4SetupText(const std::string &text, Endpoint *out, sockaddr_in *addr)
+{
+    Endpoint ep;
+    if (!parseSetupText(text, &ep))
+        return false;
+    if (!toSockaddr(ep, addr)) {
+        zlog_error(g_zlog, "net setup failed:%s (an IPv4 address is needed)", text.c_str());
+        return false;
+    }
+    *out = ep;
+    return true;
+}
+
 int recvSome(int fd, QByteArray &buffer, int timeoutMs)
 {
     if (fd < 0)

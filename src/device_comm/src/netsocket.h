@@ -24,6 +24,8 @@ bool parseSetupText(const std::string &text, Endpoint *out);
 
 // sockaddr for an IPv4 endpoint; false for anything else.
 bool toSockaddr(const Endpoint &ep, sockaddr_in *out);
+// parseSetupText for the plain-socket ports, which speak IPv4 only.
+bool parseIPv4SetupText(const std::string &text, Endpoint *out, sockaddr_in *addr);
 
 // Waits up to timeoutMs for fd to turn readable, then appends what one read
 // gives. Bytes appended; 0 on time-out; -1 when the peer closed or the

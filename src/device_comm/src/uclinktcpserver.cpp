@@ -31,12 +31,8 @@ UClinkTcpServer::~UClinkTcpServer() = default;
 bool UClinkTcpServer::setup(const std::string &text)
 {
     sockaddr_in addr;
-    if (!lumbra::net::parseSetupText(text, &m_local))
+    if (!lumbra::net::parseIPv4SetupText(text, &m_local, &addr))
         return false;
-    if (!lumbra::net::toSockaddr(m_local, &addr)) {
-        zlog_error(g_zlog, "iec104 server needs an IPv4 address:%s", text.c_str());
-        return false;
-    }
     QMutexLocker lock(&m_mutex);
     m_client.reset();
     FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));

@@ -44,12 +44,8 @@ bool ULinkFreePortTcpClient::setup(const std::string &text)
 {
     lumbra::net::Endpoint peer;
     sockaddr_in addr;
-    if (!lumbra::net::parseSetupText(text, &peer))
+    if (!lumbra::net::parseIPv4SetupText(text, &peer, &addr))
         return false;
-    if (!lumbra::net::toSockaddr(peer, &addr)) {
-        zlog_error(g_zlog, "free port needs an IPv4 address:%s", text.c_str());
-        return false;
-    }
     QMutexLocker lock(&m_mutex);
     m_peer = peer;
     connectPeer();
