@@ -1,5 +1,6 @@
 // The gateway process with real links: a Modbus RTU slave on a pty, and a link
 // whose driver file is broken.
+#include "fdend.h"
 #include "modbusslave.h"
 #include "process.h"
 #include "ptypair.h"
@@ -58,5 +59,27 @@ TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
     ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
     EXPECT_TRUE(gw.waitForOutput("iot link File parsing failed", 5000)) << gw.output().toStdString();
     EXPECT_TRUE(gw.waitForOutput("device sn:", 5000));
+    EXPECT_TRUE(gw.running());
+}
+
+TEST(GatewayLinks, TcpServerLinkAnswersClientsFromTheRunningGateway)
+{
+    QTemporaryDir work, root;
+    int port = freeTcpPort();
+    writeFile(work.path() + "/zlog.conf", kConf);
+    writeFile(work.path() + "/iotRunTime/driver/libscripted.so", readFile(SCRIPTED_DRIVER));
+    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
+              QString(R"({"data":[{"link_name":"SRV","link_type":"Ethernet/TCP","master_or_slave":1,
+                  "hmi_ip":"127.0.0.1","hmi_port":"%1","link_driver":"scripted","driver_property":"results=6"}]})")
+                  .arg(port)
+                  .toUtf8());
+    ChildProcess gw;
+    gw.setEnv("LUMBRA_SYSROOT", root.path());
+    ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    ASSERT_TRUE(gw.waitForOutput("tcp server listening on 127.0.0.1:", 5000)) << gw.output().toStdString();
+    FdEnd client = tcpConnect(port);
+    ASSERT_TRUE(client.ok());
+    ASSERT_TRUE(client.write("Q"));
+    EXPECT_EQ(client.read(4, 3000), "RSP0");
     EXPECT_TRUE(gw.running());
 }

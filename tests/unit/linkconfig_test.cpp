@@ -155,6 +155,13 @@ TEST(LinkConfig, TransportClassificationAndSetupText)
     e.hmi_ip = "10.0.0.5";
     e.hmi_port = 502;
     EXPECT_EQ(ULinkThread::getLinkCOMMConfig(e), "10.0.0.5:502");
+    LinkValue c;
+    c.linkType = "CAN1";
+    c.baudrate = 500000;
+    EXPECT_EQ(ULinkThread::getLinkCOMMConfig(c), "can1:500000");
+    c.linkType = "can";
+    c.baudrate = 0;
+    EXPECT_EQ(ULinkThread::getLinkCOMMConfig(c), "can0:250000");
 }
 
 TEST(LocalRegisters, ResultsTellWhetherAValueChanged)
