@@ -1,6 +1,6 @@
 // One Modbus link through the whole gateway path, for the throughput
 // benchmarks: stages the driver, writes the link file and registers a
-// block of holding registers for polling.
+// block of holding registers for polling (none when registers is 0).
 #pragma once
 
 #include "device_comm/communication.h"
@@ -21,8 +21,10 @@ inline void startLink(lumbra::test::WorkDir &work, const QString &driverFile, co
     work.write("iotRunTime/LinkConfiguration.json", ("{\"data\":[" + linkJson + "]}").toUtf8());
     communication *comm = communication::getInstance();
     comm->initLinks();
-    int index = comm->getIndexFromAddr("PLC1", "4X", "0", 1, 1);
-    comm->setExternalAddrInfo({ExternalAddrTable::makeKey("PLC1", "4X", "0", 1, registers, 0, index)}, 0);
+    if (registers > 0) {
+        int index = comm->getIndexFromAddr("PLC1", "4X", "0", 1, 1);
+        comm->setExternalAddrInfo({ExternalAddrTable::makeKey("PLC1", "4X", "0", 1, registers, 0, index)}, 0);
+    }
     comm->enableExternalAddrInfo(true);
 }
 

@@ -192,6 +192,17 @@ QString unitTool::value2str(const uint8_t *data, int length, int type, int decim
     return QString();
 }
 
+bool unitTool::rawNumber(const uint8_t *data, int length, int type, double &value)
+{
+    if (type != VALUE_FLOAT)
+        return readInteger(data, length, type, value);
+    float f;
+    if (!readRaw(data, length, f))
+        return false;
+    value = f;
+    return true;
+}
+
 double unitTool::setZoom(double value, int decimal, int type, double k, double b, bool enable)
 {
     double result = enable ? value * k + b : value;

@@ -34,6 +34,9 @@ public:
     static QString ReadFile(const QString &path, int line);
 
     static QString value2str(const uint8_t *data, int length, int type, int decimal);
+    // The number held by an integer or float buffer (types 0 to 3 and 6);
+    // false for other types or a buffer too short for the type.
+    static bool rawNumber(const uint8_t *data, int length, int type, double &value);
     static double setZoom(double value, int decimal, int type, double k, double b, bool enable);
 
     static int cultimezone();

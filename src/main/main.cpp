@@ -1,6 +1,9 @@
 // Start-up of the gateway. The order below is binding: the link manager comes up
 // before every service that reads device values, and the external address table
 // is switched on only after every consumer has registered its addresses.
+#include "IotToMqttComm/IotToMqttComm.h"
+#include "IotToMqttComm/MqttMsgEvent.h"
+#include "RealData/RealData.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/generalFunc.h"
@@ -9,10 +12,12 @@
 #include <QCoreApplication>
 
 #include <csignal>
+#include <malloc.h>
 #include <cstdlib>
 
 int main(int argc, char *argv[])
 {
+
     QCoreApplication app(argc, argv);
 
     unitTool::my_zlog_init();
@@ -27,10 +32,17 @@ int main(int argc, char *argv[])
     signal(SIGPIPE, SIG_IGN);
 
     g_zonetime = unitTool::cultimezone();
+    // The bridge comes up before every service so that they can send at once.
+    MqttMsgEvent::MqttDealMapInit();
+    IotToMqttComm::getInstance()->init();
     communication::getInstance()->initLinks();
     deviceInfo::getInstance()->init();
+    RealData::getInstance()->init();
     // Last: every consumer has registered its addresses by now.
     communication::getInstance()->enableExternalAddrInfo(true);
+    // Parsing the configuration left the heap full of freed pieces between
+    // the records that stay; hand those pages back.
+    malloc_trim(0);
 
     return app.exec();
 }

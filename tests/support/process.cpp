@@ -1,5 +1,8 @@
 #include "process.h"
 
+#include "agentpeer.h"
+#include "modbusslave.h"
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 
@@ -30,18 +33,25 @@ ChildProcess::ChildProcess() : m_env(QProcessEnvironment::systemEnvironment())
     m_proc.setProcessChannelMode(QProcess::MergedChannels);
 }
 
-ChildProcess::~ChildProcess()
-{
-    stop();
-}
 
 void ChildProcess::setEnv(const QString &name, const QString &value)
 {
     m_env.insert(name, value);
 }
 
+ChildProcess::~ChildProcess()
+{
+    stop();
+}
+
 bool ChildProcess::start(const QString &program, const QStringList &args, const QString &workDir)
 {
+    // Without an agent the gateway's first send holds start-up for its 5 s
+    // time-out; a test that brings no agent of its own gets a silent one.
+    if (program == gatewayBinary() && !m_env.contains("LUMBRA_AGENT_URL")) {
+        m_agent = std::make_unique<AgentPeer>(QString("tcp://127.0.0.1:%1").arg(freeTcpPort()));
+        m_env.insert("LUMBRA_AGENT_URL", m_agent->url());
+    }
     m_proc.setProcessEnvironment(m_env);
     m_proc.setWorkingDirectory(workDir);
     m_proc.start(program, args);

@@ -7,7 +7,11 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+
 namespace lumbra::test {
+
+class AgentPeer;
 
 // Absolute path of the gateway binary of this build.
 QString gatewayBinary();
@@ -32,6 +36,7 @@ private:
     QProcess m_proc;
     QProcessEnvironment m_env;
     QString m_output;
+    std::unique_ptr<AgentPeer> m_agent;
 };
 
 }  // namespace lumbra::test

@@ -1,0 +1,92 @@
+// The real-time data service: reads the configured points through the link
+// manager once a second, turns them into text and uploads them to the cloud,
+// every cycle or only what changed.
+#pragma once
+
+#include "device_comm/addressinfo.h"
+#include "generalFunc/generalFunc.h"
+
+#include <QJsonObject>
+#include <QMap>
+#include <QMutex>
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+
+class RealData : public QThread {
+    Q_OBJECT
+public:
+    struct DataCfg_t {
+        int code = 0;
+        QString value;  // the last text sent or read
+        QString name;
+        int dataType = 0;
+        int displayType = 0;
+        int writeable = 0;
+        QString maxValue;
+        QString minValue;
+        int totalDigits = 0;
+        int decimalDigits = 0;
+        int dealType = 0;
+        QString zoomRatio;
+        QString zoomOffset;
+        AddressInfo addr;
+    };
+
+    static RealData *getInstance();
+
+    // Loads "./iotRunTime/RealTimeConfiguration.json", registers the points'
+    // addresses and starts the once-a-second upload.
+    void init();
+    // init() without starting the thread: false when there is nothing to run.
+    bool load();
+    // Ends the thread after its current second; for an orderly end and tests.
+    void stop();
+
+    // One read-format-send pass; changedOnly leaves out points whose text did
+    // not change.
+    void uploadData(bool changedOnly);
+    // The read, format and serialise part of a pass: the message text, or
+    // empty when there is nothing to send.
+    QString rtdMessage(bool changedOnly);
+    bool GetDataByCode(const int &code, QString &out);
+    QMap<int, DataCfg_t> &codeDataMap() { return m_points; }
+    bool DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &op);
+    bool externalAddr();
+    // Applies an online add/modify/delete message to the configuration file.
+    void setConfigFile(const QString &message);
+
+    static double setZoom(const DataCfg_t &cfg, double raw);
+    static double setWriteZoom(const DataCfg_t &cfg, double value);
+    // A point record from one object of the file's "data" array, its address
+    // resolved through the link manager.
+    static DataCfg_t pointFromJson(const QJsonObject &item);
+    // The text of a raw value read for cfg; old when the type has no text form.
+    static QString formatValue(const DataCfg_t &cfg, const uchar *raw, int rawSize, const QString &old);
+
+    void setUploadFunState(const bool &on);
+    void setCompressed(const bool &on) { m_compressed = on; }
+    void setUploadTime(const int &seconds) { m_uploadTime = seconds; }
+    void setValueChange(const bool &on) { m_valueChange = on; }
+    void setRefreshData(const bool &on) { m_refreshData = on; }
+
+protected:
+    void run() override;
+
+private:
+    RealData() = default;
+    bool loadConfig(QJsonObject *root) const;
+    void readSettings(const QJsonObject &root);
+    int readPoint(DataCfg_t &cfg, QByteArray &buffer);
+
+    QMutex m_mutex;
+    std::atomic<bool> m_uploadFunState{false};
+    bool m_globalUploadSetting = false;
+    std::atomic<int> m_uploadTime{0};
+    std::atomic<bool> m_valueChange{false};
+    std::atomic<bool> m_compressed{false};
+    QMap<int, DataCfg_t> m_points;
+    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_refreshData{false};
+};

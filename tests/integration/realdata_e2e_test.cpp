@@ -1,0 +1,166 @@
+// The running gateway uploads a Modbus TCP slave's registers to a nanomsg
+// peer standing in for the local agent.
+#include "agentpeer.h"
+#include "modbusslave.h"
+#include "process.h"
+#include "testsupport.h"
+
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QTemporaryDir>
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+using namespace lumbra::test;
+
+namespace {
+
+const char kSerial[] = "LUMBRA-E2E-1";
+
+QString pointJson(int code, const QString &fields, const QString &block, const QString &no, const char *link = "PLC1")
+{
+    return QString(R"({"data_code":%1,%2,"data_readAddress":{"link":"%5","block":"%3","no":"%4","sta":1,"length":1}})")
+        .arg(code)
+        .arg(fields, block, no, link);
+}
+
+// code -> text of one upload.
+QMap<int, QString> values(const AgentUpload &up)
+{
+    QMap<int, QString> out;
+    for (const QJsonValue &v : up.msg.value("data").toArray())
+        out.insert(v.toObject().value("code").toInt(), v.toObject().value("data").toString());
+    return out;
+}
+
+class RealTimeUpload : public ::testing::Test {
+protected:
+    QTemporaryDir work, root;
+    std::unique_ptr<ModbusSlave> slave;
+    std::unique_ptr<AgentPeer> agent;
+    ChildProcess gw;
+
+    void SetUp() override
+    {
+        int port = freeTcpPort();
+        slave = ModbusSlave::tcp(port, 1);
+        ASSERT_TRUE(slave);
+        agent = std::make_unique<AgentPeer>(QString("tcp://127.0.0.1:%1").arg(freeTcpPort()));
+        ASSERT_TRUE(agent->bound());
+        writeFile(root.path() + "/usr/brenta/iot_conf/sn.conf", kSerial);
+        writeFile(work.path() + "/zlog.conf", "[formats]\ns = \"%V %m%n\"\n[rules]\niot.INFO >stdout; s\n");
+        writeFile(work.path() + "/iotRunTime/driver/libmodbus_tcp.so", readFile(MODBUS_TCP_DRIVER));
+        writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
+                  QString(R"({"data":[{"link_name":"PLC1","link_type":"Ethernet/TCP","link_driver":"modbus_tcp",
+                      "hmi_ip":"127.0.0.1","hmi_port":"%1","plc_id":"1","comm_time":20,"timeout1":200,
+                      "retry_times":1}]})")
+                      .arg(port)
+                      .toUtf8());
+    }
+
+    void start(const QString &settings, const QStringList &points)
+    {
+        writeFile(work.path() + "/iotRunTime/RealTimeConfiguration.json",
+                  QString(R"({"upload_func_state":true,%1,"data":[%2]})").arg(settings, points.join(',')).toUtf8());
+        gw.setEnv("LUMBRA_SYSROOT", root.path());
+        gw.setEnv("LUMBRA_AGENT_URL", agent->url());
+        ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    }
+
+    // The next RTD upload, checked for its full topic.
+    AgentUpload next(int timeoutMs = 3000)
+    {
+        AgentUpload up = agent->receiveTopic("/DevSend/RTD", timeoutMs);
+        if (up.ok()) {
+            EXPECT_TRUE(up.topic.startsWith(QString("/") + kSerial + "_")) << up.topic.toStdString();
+        }
+        return up;
+    }
+
+    // Uploads until one carries want (the link needs a poll or two first).
+    bool eventuallyUploads(const QMap<int, QString> &want, int timeoutMs = 8000)
+    {
+        QElapsedTimer t;
+        t.start();
+        QMap<int, QString> last;
+        while (t.elapsed() < timeoutMs) {
+            AgentUpload up = next();
+            last = values(up);
+            if (last == want)
+                return true;
+        }
+        ADD_FAILURE() << "last upload: " << QStringList(last.values()).join(' ').toStdString() << "\n"
+                      << gw.output().toStdString();
+        return false;
+    }
+};
+
+}  // namespace
+
+TEST_F(RealTimeUpload, EveryTypeArrivesFormatted)
+{
+    slave->setCoil(5, true);
+    slave->setHolding(0, 65000);
+    slave->setHolding(1, static_cast<uint16_t>(-1234));
+    slave->setHolding(2, 0x0001);  // 100000, high word first
+    slave->setHolding(3, 0x86A0);
+    slave->setHolding(4, 0xFFFF);  // -50
+    slave->setHolding(5, static_cast<uint16_t>(-50));
+    slave->setHolding(6, 0x1234);
+    slave->setHolding(7, 0x12AB);
+    float f = 21.5f;
+    uint32_t bits;
+    std::memcpy(&bits, &f, 4);
+    slave->setHolding(8, bits >> 16);
+    slave->setHolding(9, bits & 0xFFFF);
+    // Words reach consumers little-endian, so a string's first character is
+    // each register's low byte (a two-register string would read as a 32-bit value).
+    slave->setHolding(10, 'P' | 'u' << 8);
+    slave->setHolding(11, 'm' | 'p' << 8);
+    slave->setHolding(12, '0' | '1' << 8);
+    slave->setHolding(13, 100);
+    start(R"("global_upload_time":0)",
+          {pointJson(1, R"("data_type":-1)", "0X", "5"), pointJson(2, R"("data_type":0)", "4X", "0"),
+           pointJson(3, R"("data_type":2,"data_devimalDigits":2)", "4X", "1"),
+           pointJson(4, R"("data_type":1)", "4X", "2"),
+           pointJson(5, R"("data_type":3,"data_devimalDigits":1,"data_deal_type":1,"zoom_ratio":"2","zoom_offset":"1")",
+                     "4X", "4"),
+           pointJson(6, R"("data_type":4)", "4X", "6"), pointJson(7, R"("data_type":4)", "4X", "7"),
+           pointJson(8, R"("data_type":6,"data_devimalDigits":2)", "4X", "8"),
+           pointJson(9, R"("data_type":7,"data_totalDigits":6)", "4X", "10"),
+           pointJson(10, R"("data_type":0,"data_devimalDigits":1,"data_deal_type":1,"zoom_ratio":"0.5","zoom_offset":"3")",
+                     "4X", "13"),
+           pointJson(11, R"("data_type":0)", "4X", "0", "NOLINK")});
+    EXPECT_TRUE(eventuallyUploads({{1, "1"}, {2, "65000"}, {3, "-12.34"}, {4, "100000"}, {5, "-9.9"}, {6, "1234"},
+                                   {7, "0"}, {8, "21.50"}, {9, "Pump01"}, {10, "5.3"}, {11, "0"}}));
+    EXPECT_TRUE(gw.running());
+}
+
+TEST_F(RealTimeUpload, ChangedOnlySendsChangesAndEverythingAfterTheAgentConnects)
+{
+    slave->setHolding(0, 1);
+    slave->setHolding(1, 2);
+    start(R"("global_upload_time":0,"global_value_change_setting":true)",
+          {pointJson(1, R"("data_type":0)", "4X", "0"), pointJson(2, R"("data_type":0)", "4X", "1")});
+    ASSERT_TRUE(eventuallyUploads({{1, "1"}, {2, "2"}}, 8000));  // zeros may come first, then the change
+    EXPECT_FALSE(next(2500).ok());                                // two quiet seconds: nothing sent
+    slave->setHolding(1, 7);
+    EXPECT_EQ(values(next()), (QMap<int, QString>{{2, "7"}}));
+    ASSERT_TRUE(agent->send(R"({"topic":"mqtt_status_Notification","status":true})"));
+    EXPECT_EQ(values(next()), (QMap<int, QString>{{1, "1"}, {2, "7"}}));
+    EXPECT_TRUE(gw.waitForOutput("get mqtt status:1", 2000));
+}
+
+TEST_F(RealTimeUpload, UploadTimeTenSendsAfterTheFirstSecondThenEveryTenSeconds)
+{
+    QElapsedTimer t;
+    t.start();
+    start(R"("global_upload_time":10)", {pointJson(1, R"("data_type":0)", "4X", "0")});
+    ASSERT_TRUE(next(4000).ok());
+    const qint64 first = t.elapsed();
+    EXPECT_LT(first, 3000);
+    EXPECT_FALSE(next(8500).ok());
+    ASSERT_TRUE(next(3000).ok());
+    EXPECT_NEAR(t.elapsed() - first, 10000, 1200);
+}
