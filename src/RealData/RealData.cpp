@@ -51,6 +51,12 @@ RealData *RealData::getInstance()
     return &instance;
 }
 
+// A static instance outlives main(); its thread must be gone by then.
+RealData::~RealData()
+{
+    stop();
+}
+
 bool RealData::loadConfig(QJsonObject *root) const
 {
     QFile file(kConfigPath);

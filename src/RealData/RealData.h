@@ -35,6 +35,7 @@ public:
     };
 
     static RealData *getInstance();
+    ~RealData() override;
 
     // Loads "./iotRunTime/RealTimeConfiguration.json", registers the points'
     // addresses and starts the once-a-second upload.
