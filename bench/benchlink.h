@@ -7,7 +7,13 @@
 #include "generalFunc/globals.h"
 #include "testsupport.h"
 
+#include "modbusslave.h"
+
 #include <QThread>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 
 namespace lumbra::bench {
 
@@ -26,6 +32,23 @@ inline void startLink(lumbra::test::WorkDir &work, const QString &driverFile, co
         comm->setExternalAddrInfo({ExternalAddrTable::makeKey("PLC1", "4X", "0", 1, registers, 0, index)}, 0);
     }
     comm->enableExternalAddrInfo(true);
+}
+
+// Argument n of the command line as a number, or def.
+inline int intArg(int argc, char **argv, int n, int def)
+{
+    return argc > n ? std::atoi(argv[n]) : def;
+}
+
+// A libmodbus TCP slave (unit 1) on a free loopback port; null, with a
+// message, when it cannot start.
+inline std::unique_ptr<lumbra::test::ModbusSlave> tcpSlave(int *port)
+{
+    *port = lumbra::test::freeTcpPort();
+    auto slave = lumbra::test::ModbusSlave::tcp(*port, 1);
+    if (!slave)
+        std::fprintf(stderr, "cannot start the Modbus TCP slave\n");
+    return slave;
 }
 
 // Requests the slave counted over `seconds`, after a short settling time.

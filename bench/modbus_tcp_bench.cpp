@@ -44,16 +44,14 @@ int plainClientPolls(int port, int seconds, int registers)
 
 int main(int argc, char **argv)
 {
-    const int seconds = argc > 1 ? std::atoi(argv[1]) : 10;
-    const int registers = argc > 2 ? std::atoi(argv[2]) : 10;
+    const int seconds = lumbra::bench::intArg(argc, argv, 1, 10);
+    const int registers = lumbra::bench::intArg(argc, argv, 2, 10);
     WorkDir work;
     BoxRoot box;
-    int port = freeTcpPort();
-    auto slave = ModbusSlave::tcp(port, 1);
-    if (!slave) {
-        std::fprintf(stderr, "cannot start the slave\n");
+    int port = 0;
+    auto slave = lumbra::bench::tcpSlave(&port);
+    if (!slave)
         return 1;
-    }
     int plain = plainClientPolls(port, seconds, registers);
     if (plain <= 0) {
         std::fprintf(stderr, "the plain libmodbus client could not poll the slave\n");

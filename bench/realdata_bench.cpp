@@ -14,17 +14,15 @@ using namespace lumbra::test;
 
 int main(int argc, char **argv)
 {
-    const int points = argc > 1 ? std::atoi(argv[1]) : 10000;
-    const int passes = argc > 2 ? std::atoi(argv[2]) : 50;
-    const int commTimeMs = argc > 3 ? std::atoi(argv[3]) : 100;
+    const int points = lumbra::bench::intArg(argc, argv, 1, 10000);
+    const int passes = lumbra::bench::intArg(argc, argv, 2, 50);
+    const int commTimeMs = lumbra::bench::intArg(argc, argv, 3, 100);
     WorkDir work;
     BoxRoot box;
-    int port = freeTcpPort();
-    auto slave = ModbusSlave::tcp(port, 1);
-    if (!slave) {
-        std::fprintf(stderr, "cannot start the slave\n");
+    int port = 0;
+    auto slave = lumbra::bench::tcpSlave(&port);
+    if (!slave)
         return 1;
-    }
     work.write("iotRunTime/RealTimeConfiguration.json", lumbra::bench::rtdConfig(points));
     lumbra::bench::startLink(work, MODBUS_TCP_DRIVER, "modbus_tcp", lumbra::bench::tcpLinkJson(port, commTimeMs), 0);
     RealData *rd = RealData::getInstance();
