@@ -275,6 +275,23 @@ TEST_F(LinkThreadTest, TcpServerLinkAnswersEachClientFromItsEventLoop)
     thread.reset();  // stop() ends the event loop
 }
 
+TEST_F(LinkThreadTest, UdpServerLinkAnswersEachDatagramsSender)
+{
+    int argc = 0;
+    QCoreApplication app(argc, nullptr);
+    stageDriver();
+    int port = freeTcpPort();
+    LinkValue l = tcpServerLink(link("results=6"), port, "scripted");
+    l.linkType = "Ethernet";
+    ASSERT_EQ(start(l), 0);
+    UdpPeer first, second;
+    ASSERT_TRUE(first.sendTo(port, "Q1"));  // the socket is bound before the loop runs
+    EXPECT_EQ(first.receive(2000), "RSP0");
+    ASSERT_TRUE(second.sendTo(port, "Q2"));
+    EXPECT_EQ(second.receive(2000), "RSP1");
+    EXPECT_TRUE(first.receive(200).isEmpty());
+}
+
 TEST_F(LinkThreadTest, Iec104ServerSplitsApdusThatArriveStuckTogether)
 {
     stageDriver("iec_104_scripted");

@@ -82,6 +82,12 @@ QByteArray FdEnd::read(int want, int timeoutMs)
     return got;
 }
 
+int freeTcpPort()
+{
+    FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return fd.valid() ? bindLoopback(fd.get()) : -1;
+}
+
 FdEnd tcpConnect(int port)
 {
     FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

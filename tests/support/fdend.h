@@ -27,6 +27,9 @@ private:
     FdHandle m_fd;
 };
 
+// A TCP port on loopback that nothing listens on right now.
+int freeTcpPort();
+
 // A TCP connection to 127.0.0.1:port; !ok() when refused.
 FdEnd tcpConnect(int port);
 

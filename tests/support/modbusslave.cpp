@@ -10,21 +10,6 @@
 
 namespace lumbra::test {
 
-int freeTcpPort()
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = -1;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
-
 std::unique_ptr<ModbusSlave> ModbusSlave::make(const QString &device, int baud, int port, int unit)
 {
     std::unique_ptr<ModbusSlave> s(new ModbusSlave);

@@ -2,6 +2,8 @@
 // served from its own thread, to stand in for a PLC in tests.
 #pragma once
 
+#include "fdend.h"  // freeTcpPort()
+
 #include <QString>
 
 #include <atomic>
@@ -66,8 +68,5 @@ private:
     std::atomic<bool> m_silent{false};
     std::atomic<int> m_requests{0};
 };
-
-// A TCP port on loopback that nothing listens on right now.
-int freeTcpPort();
 
 }  // namespace lumbra::test

@@ -45,15 +45,14 @@ protected:
         if (tcp) {
             const int port = freeTcpPort();
             slave = ModbusSlave::tcp(port, kStation);
-            tcpLine.reset(connectTcp(port));
-            line = tcpLine.get();
+            end = std::make_unique<FdEnd>(tcpConnect(port));
         } else {
             pty = std::make_unique<PtyPair>(work.file("master"), work.file("slave"));
             ASSERT_TRUE(pty->ok()) << pty->log().toStdString();
             slave = ModbusSlave::rtu(pty->linkB(), 115200, kStation);
-            ptyEnd = std::make_unique<FdEnd>(pty->linkA());
-            line = ptyEnd->fd();
+            end = std::make_unique<FdEnd>(pty->linkA());
         }
+        line = end->fd();
         ASSERT_TRUE(slave);
         ASSERT_GE(line, 0);
         ASSERT_EQ(d->init(kLinkId, 1), 0);
@@ -108,9 +107,8 @@ protected:
     WorkDir work;
     std::unique_ptr<PtyPair> pty;
     std::unique_ptr<ModbusSlave> slave;
-    std::unique_ptr<FdEnd> ptyEnd;
+    std::unique_ptr<FdEnd> end;  // the driver's side of the line
     std::unique_ptr<Driver> d;
-    FdHandle tcpLine;
     int line = -1;
 };
 

@@ -88,21 +88,6 @@ inline void reseal(Bytes &r, bool tcp)
     }
 }
 
-// A loopback connection to port; -1 when refused.
-inline int connectTcp(int port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        close(fd);
-        fd = -1;
-    }
-    return fd;
-}
-
 // What arrives on fd within timeoutMs, ended by a short silence after data:
 // a reply as the link thread's port collects it.
 inline Bytes receive(int fd, int timeoutMs)

@@ -4,8 +4,6 @@
 #include "modbusslave.h"
 #include "testsupport.h"
 
-#include <QCoreApplication>
-
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -111,29 +109,6 @@ TEST(NetPorts, UdpServerAnswersTheDeviceThatSpokeLast)
     LogCapture log;
     EXPECT_FALSE(create(2, local(p)));
     EXPECT_TRUE(log.contains(QString("udp bind port error, port = %1").arg(p)));
-}
-
-TEST(NetPorts, UdpServerHandsRequestsToARegisteredCallback)
-{
-    int argc = 0;
-    QCoreApplication app(argc, nullptr);  // datagrams reach the callback through the event loop
-    int p = freeTcpPort();
-    auto port = create(2, local(p));
-    ASSERT_TRUE(port);
-    ULinkPort::ClientDataFn echo = [](void *, const QByteArray &request, QByteArray *reply) {
-        *reply = "R:" + request;
-    };
-    int context = 0;
-    port->setClientDataCB(reinterpret_cast<void *>(echo), &context);
-    UdpPeer device;
-    ASSERT_TRUE(device.sendTo(p, "q1"));
-    QByteArray reply;
-    EXPECT_TRUE(eventually([&] {
-        QCoreApplication::processEvents();
-        reply = device.receive(0);
-        return !reply.isEmpty();
-    }));
-    EXPECT_EQ(reply, "R:q1");
 }
 
 TEST(NetPorts, RawTcpServerKeepsOneClientAndProbesIt)

@@ -9,8 +9,6 @@
 
 namespace {
 
-const int kUnclaimedLimit = 64 * 1024;
-
 QByteArray peerOf(const QTcpSocket *s)
 {
     return QString("%1:%2").arg(s->peerAddress().toString()).arg(s->peerPort()).toLocal8Bit();
@@ -68,10 +66,7 @@ void ULinkPortTcpServer::dealClientRequest()
     QByteArray request = client->readAll();
     m_lastClient = client;
     if (!m_clientDataCB || !m_clientDataContext) {
-        // Nobody serves requests: keep a bounded backlog for Recv.
-        m_unclaimed.append(request);
-        if (m_unclaimed.size() > kUnclaimedLimit)
-            m_unclaimed.remove(0, m_unclaimed.size() - kUnclaimedLimit);
+        zlog_debug(g_zlog, "tcp server: no one serves requests, %d bytes dropped", request.size());
         return;
     }
     QByteArray reply;
@@ -94,14 +89,9 @@ void ULinkPortTcpServer::clientDisconnect()
     client->deleteLater();
 }
 
-int ULinkPortTcpServer::Recv(QByteArray &buffer, int)
+int ULinkPortTcpServer::Recv(QByteArray &, int)
 {
-    if (!m_server || !m_server->isListening())
-        return -1;
-    int n = m_unclaimed.size();
-    buffer.append(m_unclaimed);
-    m_unclaimed.clear();
-    return n;
+    return m_server && m_server->isListening() ? 0 : -1;
 }
 
 int ULinkPortTcpServer::Send(const char *data, int len)

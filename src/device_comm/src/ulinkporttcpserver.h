@@ -23,7 +23,8 @@ public:
 
     // text is "<local ip>:<port>"; 0.0.0.0 listens on every interface.
     bool setup(const std::string &text) override;
-    // Hands out what clients sent while no callback was registered.
+    // Requests reach the client-data callback, never Recv: 0 while
+    // listening, -1 otherwise.
     int Recv(QByteArray &buffer, int timeoutMs) override;
     // To the client that spoke last; 0 while none has.
     int Send(const char *data, int len) override;
@@ -42,6 +43,5 @@ private:
     QTcpServer *m_server = nullptr;
     QList<QTcpSocket *> m_clients;
     QTcpSocket *m_lastClient = nullptr;
-    QByteArray m_unclaimed;
     lumbra::net::Endpoint m_local;
 };

@@ -1,5 +1,7 @@
-// A slave link's UDP port (Ethernet links other than TCP, slave): devices
-// send to it, and it answers the device that spoke last.
+// A slave link's UDP port (Ethernet links other than TCP, slave). On the
+// link thread's event loop each datagram goes to the client-data callback
+// and its reply back to that datagram's sender; used directly, Recv and
+// Send talk with the device that spoke last.
 #pragma once
 
 #include "netsocket.h"

@@ -207,7 +207,7 @@ int ULinkThread::InitPort()
         return -1;
     }
     port->setLinkPar(m_link);
-    if (m_commType == ULinkPort::PORT_TCP_SERVER)
+    if (servesClients())
         port->setClientDataCB(reinterpret_cast<void *>(&ULinkThread::clientRequestCB), this);
     port->MoveToThread(this);
     m_port = port;
@@ -265,7 +265,7 @@ void ULinkThread::run()
             }
         }
         bool exchanged = false;
-        if (m_commType == ULinkPort::PORT_TCP_SERVER) {
+        if (servesClients()) {
             serveEvents();
         } else {
             QMutexLocker lock(&m_portMutex);
@@ -281,7 +281,14 @@ void ULinkThread::run()
     zlog_debug(g_zlog, "%s %s @@@", "device_comm/src/ulinkthread", __func__);
 }
 
-// The TCP server port lives on this thread's event loop. A quit() that
+// Server ports answer requests as they come, so the driver serves them
+// from this thread's event loop instead of the polling turn.
+bool ULinkThread::servesClients() const
+{
+    return m_commType == ULinkPort::PORT_TCP_SERVER || m_commType == ULinkPort::PORT_UDP_SERVER;
+}
+
+// The server port lives on this thread's event loop. A quit() that
 // comes before exec() starts would be lost, so the loop watches the stop
 // flag itself.
 void ULinkThread::serveEvents()

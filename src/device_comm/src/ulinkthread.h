@@ -80,6 +80,7 @@ private:
     // True when the turn exchanged something with the device.
     bool runTurn();
     int idlePause() const;
+    bool servesClients() const;
     void serveEvents();
     static void clientRequestCB(void *context, const QByteArray &request, QByteArray *reply);
     void serveClientRequest(const QByteArray &request, QByteArray *reply);

@@ -121,8 +121,8 @@ void ULinkThread::clientRequestCB(void *context, const QByteArray &request, QByt
     static_cast<ULinkThread *>(context)->serveClientRequest(request, reply);
 }
 
-// A TCP server link's request, on this thread's event loop: the driver
-// answers it as a slave does a serial one.
+// A server link's request, on this thread's event loop: the driver answers
+// it as a slave does a serial one.
 void ULinkThread::serveClientRequest(const QByteArray &request, QByteArray *reply)
 {
     QMutexLocker lock(&m_portMutex);
