@@ -63,7 +63,8 @@ TEST_F(TcpLink, PollsAndWritesTheSlave)
 
 TEST_F(TcpLink, RecoversFromASlaveRestartWithoutAGatewayRestart)
 {
-    EXPECT_TRUE(eventually([&] { return linkBit() == 0; }));
+    slave->setHolding(10, 111);
+    ASSERT_TRUE(eventually([&] { return linkBit() == 0 && word() == 111; }));
     slave->stop();
     EXPECT_TRUE(eventually([&] { return linkBit() == 1; }));
     ASSERT_TRUE(slave->start());

@@ -115,6 +115,9 @@ void ModbusSlave::serveTcp()
             if (n > 0)
                 answer(req, n);
         }
+        // The context still holds the client's number; left there, stop()
+        // would close it again, by then perhaps another thread's socket.
+        modbus_set_socket(m_ctx, -1);
         ::close(client);
     }
 }
