@@ -19,4 +19,9 @@ public:
     static void setHandler(const QString &topic, DealFunc func);
     // False for a topic that is not in the map; func then stays untouched.
     static bool lookup(const QString &topic, DealFunc *func);
+
+    // "/DevRecv/MsgAck": an alarm upload's request id came back.
+    static int MsgAck(const QString &payload);
+    // "/DevRecv/HisData": the cloud took a group's history batch.
+    static int recvHistoryDataAck(const QString &payload);
 };

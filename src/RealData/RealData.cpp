@@ -1,16 +1,15 @@
 #include "RealData.h"
 
 #include "IotToMqttComm/IotToMqttComm.h"
+#include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
 #include "deviceInfo/deviceInfo.h"
+#include "generalFunc/configfile.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
-#include <QSet>
 
 using lumbra::jsonBool;
 using lumbra::jsonInt;
@@ -19,28 +18,14 @@ using lumbra::jsonText;
 namespace {
 
 const char kConfigPath[] = "./iotRunTime/RealTimeConfiguration.json";
+const lumbra::ConfigFileTexts kFileTexts{"Real data config file no such", "Real data config file open fail",
+                                         "Real data config parse fail"};
 const int kMaxTotalDigits = 128;
 const int kTickMs = 1000;
 
 QByteArray local8(const QString &s)
 {
     return s.toLocal8Bit();
-}
-
-// Words the address spans: fixed by the type where the type fixes it.
-int lengthFor(int dataType, int totalDigits, int configured)
-{
-    switch (dataType) {
-    case VALUE_U32:
-    case VALUE_S32:
-    case VALUE_BCD32:
-    case VALUE_FLOAT:
-        return 2;
-    case VALUE_STRING:
-        return totalDigits / 2;
-    default:
-        return configured;
-    }
 }
 
 }  // namespace
@@ -59,22 +44,7 @@ RealData::~RealData()
 
 bool RealData::loadConfig(QJsonObject *root) const
 {
-    QFile file(kConfigPath);
-    if (!file.exists()) {
-        zlog_info(g_zlog, "Real data config file no such");
-        return false;
-    }
-    if (!file.open(QIODevice::ReadOnly)) {
-        zlog_info(g_zlog, "Real data config file open fail");
-        return false;
-    }
-    QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
-    if (!doc.isObject()) {
-        zlog_info(g_zlog, "Real data config parse fail");
-        return false;
-    }
-    *root = doc.object();
-    return true;
+    return lumbra::readConfigObject(kConfigPath, kFileTexts, root);
 }
 
 void RealData::readSettings(const QJsonObject &root)
@@ -104,15 +74,7 @@ RealData::DataCfg_t RealData::pointFromJson(const QJsonObject &item)
     cfg.dealType = jsonInt(item.value("data_deal_type"));
     cfg.zoomRatio = jsonText(item.value("zoom_ratio"));
     cfg.zoomOffset = jsonText(item.value("zoom_offset"));
-    const QJsonObject a = item.value("data_readAddress").toObject();
-    cfg.addr.link = jsonText(a.value("link"));
-    cfg.addr.reg = jsonText(a.value("block"));
-    cfg.addr.addr = jsonText(a.value("no"));
-    cfg.addr.station = jsonInt(a.value("sta"));
-    cfg.addr.type = jsonInt(a.value("type"));
-    cfg.addr.length = lengthFor(cfg.dataType, cfg.totalDigits, jsonInt(a.value("length")));
-    cfg.addr.index = communication::getInstance()->getIndexFromAddr(cfg.addr.link, cfg.addr.reg, cfg.addr.addr,
-                                                                     cfg.addr.station, cfg.dataType == VALUE_BIT ? 0 : 1);
+    cfg.addr = lumbra::addressFromJson(item.value("data_readAddress").toObject(), cfg.dataType, cfg.totalDigits);
     return cfg;
 }
 
@@ -251,27 +213,14 @@ bool RealData::DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &
 
 bool RealData::externalAddr()
 {
-    QList<KEY_ADDRESS> keys;
+    QList<AddressInfo> addrs;
     {
         QMutexLocker lock(&m_mutex);
-        QSet<QString> seen;
-        for (const DataCfg_t &cfg : qAsConst(m_points)) {
-            const AddressInfo &a = cfg.addr;
-            if (communication::getLocalIndex(a.reg) != -1)
-                continue;
-            const QString id = QString("%1\x1f%2\x1f%3\x1f%4\x1f%5\x1f%6")
-                                   .arg(a.link, a.reg, a.addr)
-                                   .arg(a.station)
-                                   .arg(a.length)
-                                   .arg(a.type);
-            if (seen.contains(id))
-                continue;
-            seen.insert(id);
-            keys.append(ExternalAddrTable::makeKey(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
-        }
+        addrs.reserve(m_points.size());
+        for (const DataCfg_t &cfg : qAsConst(m_points))
+            addrs.append(cfg.addr);
     }
-    if (!keys.isEmpty())
-        communication::getInstance()->setExternalAddrInfo(keys, EXTERNAL_ADDR_REALDATA);
+    lumbra::registerExternalAddrs(addrs, EXTERNAL_ADDR_REALDATA);
     return true;
 }
 
@@ -282,54 +231,7 @@ void RealData::setUploadFunState(const bool &on)
         m_refreshData = true;
 }
 
-namespace {
-
-QJsonArray editedPoints(QJsonArray points, const QString &operation, const QJsonObject &message)
-{
-    const QJsonArray items = message.value("data").toArray();
-    if (operation == "add") {
-        for (const QJsonValue &v : items)
-            points.append(v);
-    } else if (operation == "modify") {
-        for (const QJsonValue &v : items) {
-            const int code = jsonInt(v.toObject().value("data_code"));
-            for (int i = 0; i < points.size(); ++i) {
-                if (jsonInt(points.at(i).toObject().value("data_code")) == code)
-                    points[i] = v;
-            }
-        }
-    } else if (operation == "delete") {
-        QSet<int> ids;
-        for (const QJsonValue &v : message.value("ids").toArray())
-            ids.insert(jsonInt(v));
-        for (int i = points.size() - 1; i >= 0; --i) {
-            if (ids.contains(jsonInt(points.at(i).toObject().value("data_code"))))
-                points.removeAt(i);
-        }
-    } else {
-        zlog_info(g_zlog, "RTD config: unknown operation_type \"%s\", file left as it was", local8(operation).constData());
-    }
-    return points;
-}
-
-}  // namespace
-
 void RealData::setConfigFile(const QString &message)
 {
-    QJsonObject root;
-    if (!loadConfig(&root))
-        return;
-    QJsonParseError error;
-    QJsonDocument doc = QJsonDocument::fromJson(message.toUtf8(), &error);
-    if (error.error != QJsonParseError::NoError || !doc.isObject()) {
-        zlog_info(g_zlog, "json parse fail:%s",
-                  local8(error.error != QJsonParseError::NoError ? error.errorString() : "not an object").constData());
-        return;
-    }
-    const QJsonObject msg = doc.object();
-    root.insert("data", editedPoints(root.value("data").toArray(), msg.value("operation_type").toString(), msg));
-    // Written aside and renamed, so a power cut leaves the old file or the new one.
-    QSaveFile file(kConfigPath);
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(root).toJson()) < 0 || !file.commit())
-        zlog_error(g_zlog, "RTD config write fail:%s", local8(file.errorString()).constData());
+    lumbra::editConfigFile(kConfigPath, kFileTexts, message, "data_code");
 }

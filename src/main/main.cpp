@@ -3,6 +3,8 @@
 // is switched on only after every consumer has registered its addresses.
 #include "IotToMqttComm/IotToMqttComm.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
+#include "AlarmData/AlarmData.h"
+#include "HistoricalData/HistoricalData.h"
 #include "RealData/RealData.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
@@ -38,6 +40,8 @@ int main(int argc, char *argv[])
     communication::getInstance()->initLinks();
     deviceInfo::getInstance()->init();
     RealData::getInstance()->init();
+    HistoricalData::getInstance()->init();
+    AlarmData::getInstance()->init();
     // Last: every consumer has registered its addresses by now.
     communication::getInstance()->enableExternalAddrInfo(true);
     // Parsing the configuration left the heap full of freed pieces between

@@ -1,0 +1,61 @@
+#include "addressjson.h"
+
+#include "communication.h"
+#include "generalFunc/generalFunc.h"
+#include "generalFunc/jsonvalue.h"
+
+#include <QSet>
+
+namespace lumbra {
+
+int lengthForType(int dataType, int totalDigits, int configured)
+{
+    switch (dataType) {
+    case VALUE_U32:
+    case VALUE_S32:
+    case VALUE_BCD32:
+    case VALUE_FLOAT:
+        return 2;
+    case VALUE_STRING:
+        return totalDigits / 2;
+    default:
+        return configured;
+    }
+}
+
+AddressInfo addressFromJson(const QJsonObject &a, int dataType, int totalDigits)
+{
+    AddressInfo info;
+    info.link = jsonText(a.value("link"));
+    info.reg = jsonText(a.value("block"));
+    info.addr = jsonText(a.value("no"));
+    info.station = jsonInt(a.value("sta"));
+    info.type = jsonInt(a.value("type"));
+    info.length = lengthForType(dataType, totalDigits, jsonInt(a.value("length")));
+    const int isWord = dataType == VALUE_BIT ? 0 : 1;
+    info.index = communication::getInstance()->getIndexFromAddr(info.link, info.reg, info.addr, info.station, isWord);
+    return info;
+}
+
+void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer)
+{
+    QList<KEY_ADDRESS> keys;
+    QSet<QString> seen;
+    for (const AddressInfo &a : addrs) {
+        if (communication::getLocalIndex(a.reg) != -1)
+            continue;
+        const QString id = QString("%1\x1f%2\x1f%3\x1f%4\x1f%5\x1f%6")
+                               .arg(a.link, a.reg, a.addr)
+                               .arg(a.station)
+                               .arg(a.length)
+                               .arg(a.type);
+        if (seen.contains(id))
+            continue;
+        seen.insert(id);
+        keys.append(ExternalAddrTable::makeKey(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
+    }
+    if (!keys.isEmpty())
+        communication::getInstance()->setExternalAddrInfo(keys, consumer);
+}
+
+}  // namespace lumbra

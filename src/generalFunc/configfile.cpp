@@ -1,0 +1,122 @@
+#include "configfile.h"
+
+#include "globals.h"
+#include "jsonvalue.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSaveFile>
+#include <QSet>
+
+namespace lumbra {
+
+bool readConfigObject(const QString &path, const ConfigFileTexts &texts, QJsonObject *root)
+{
+    QFile file(path);
+    if (!file.exists()) {
+        zlog_info(g_zlog, "%s", texts.noSuch);
+        return false;
+    }
+    if (!file.open(QIODevice::ReadOnly)) {
+        zlog_info(g_zlog, "%s", texts.openFail);
+        return false;
+    }
+    QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
+    if (!doc.isObject()) {
+        zlog_info(g_zlog, "%s", texts.parseFail);
+        return false;
+    }
+    *root = doc.object();
+    return true;
+}
+
+bool writeConfigObject(const QString &path, const QJsonObject &root)
+{
+    QSaveFile file(path);
+    if (file.open(QIODevice::WriteOnly) && file.write(QJsonDocument(root).toJson()) >= 0 && file.commit())
+        return true;
+    zlog_error(g_zlog, "config write fail:%s %s", path.toLocal8Bit().constData(),
+               file.errorString().toLocal8Bit().constData());
+    return false;
+}
+
+namespace {
+
+struct Edit {
+    QString operation;
+    const char *idKey;
+    const char *itemLabel;
+
+    int idOf(const QJsonValue &item) const { return jsonInt(item.toObject().value(idKey)); }
+    void logChange(int id) const
+    {
+        if (itemLabel)
+            zlog_info(g_zlog, "operation_type%s %s:%d", operation.toLocal8Bit().constData(), itemLabel, id);
+    }
+};
+
+void modifyItems(QJsonArray &items, const QJsonArray &changes, const Edit &edit)
+{
+    for (const QJsonValue &v : changes) {
+        const int id = edit.idOf(v);
+        for (int i = 0; i < items.size(); ++i) {
+            if (edit.idOf(items.at(i)) == id) {
+                items[i] = v;
+                edit.logChange(id);
+            }
+        }
+    }
+}
+
+void deleteItems(QJsonArray &items, const QJsonArray &ids, const Edit &edit)
+{
+    QSet<int> gone;
+    for (const QJsonValue &v : ids)
+        gone.insert(jsonInt(v));
+    for (int i = items.size() - 1; i >= 0; --i) {
+        const int id = edit.idOf(items.at(i));
+        if (gone.contains(id)) {
+            items.removeAt(i);
+            edit.logChange(id);
+        }
+    }
+}
+
+}  // namespace
+
+bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QString &message, const char *idKey,
+                    const char *itemLabel)
+{
+    QJsonObject root;
+    if (!readConfigObject(path, texts, &root))
+        return false;
+    QJsonParseError error;
+    QJsonDocument doc = QJsonDocument::fromJson(message.toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError || !doc.isObject()) {
+        const QString why = error.error != QJsonParseError::NoError ? error.errorString() : "not an object";
+        zlog_info(g_zlog, "json parse fail:%s", why.toLocal8Bit().constData());
+        return false;
+    }
+    const QJsonObject msg = doc.object();
+    const Edit edit{msg.value("operation_type").toString(), idKey, itemLabel};
+    QJsonArray items = root.value("data").toArray();
+    if (edit.operation == "add") {
+        for (const QJsonValue &v : msg.value("data").toArray()) {
+            items.append(v);
+            edit.logChange(edit.idOf(v));
+        }
+    } else if (edit.operation == "modify") {
+        modifyItems(items, msg.value("data").toArray(), edit);
+    } else if (edit.operation == "delete") {
+        deleteItems(items, msg.value("ids").toArray(), edit);
+    } else {
+        zlog_info(g_zlog, "unknown operation_type \"%s\", %s left as it was", edit.operation.toLocal8Bit().constData(),
+                  path.toLocal8Bit().constData());
+        return false;
+    }
+    root.insert("data", items);
+    return writeConfigObject(path, root);
+}
+
+}  // namespace lumbra

@@ -1,0 +1,33 @@
+// The data services' configuration files: a JSON object whose "data" array
+// holds one object per item, edited online item by item.
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+
+namespace lumbra {
+
+// What a service logs when its file cannot be used.
+struct ConfigFileTexts {
+    const char *noSuch;
+    const char *openFail;
+    const char *parseFail;
+};
+
+// The file's top-level object; false, with the matching text logged, when
+// the file is missing, unreadable or no JSON object.
+bool readConfigObject(const QString &path, const ConfigFileTexts &texts, QJsonObject *root);
+
+// Replaces the file with root, written aside and renamed so that a power cut
+// leaves the old file or the new one.
+bool writeConfigObject(const QString &path, const QJsonObject &root);
+
+// Applies an online change to the file's "data": "operation_type" "add"
+// appends the message's "data" objects, "modify" replaces the items whose
+// idKey matches, "delete" removes those whose idKey is in "ids". With
+// itemLabel set, each changed item is logged as
+// "operation_type<op> <itemLabel>:<id>". False when nothing was written.
+bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QString &message, const char *idKey,
+                    const char *itemLabel = nullptr);
+
+}  // namespace lumbra
