@@ -1,13 +1,10 @@
 // The running gateway uploads a Modbus TCP slave's registers to a nanomsg
 // peer standing in for the local agent.
-#include "agentpeer.h"
-#include "modbusslave.h"
-#include "process.h"
+#include "gatewaybox.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
-#include <QTemporaryDir>
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -16,7 +13,7 @@ using namespace lumbra::test;
 
 namespace {
 
-const char kSerial[] = "LUMBRA-E2E-1";
+const char *const kSerial = GatewayBox::kSerial;
 
 QString pointJson(int code, const QString &fields, const QString &block, const QString &no, const char *link = "PLC1")
 {
@@ -36,37 +33,19 @@ QMap<int, QString> values(const AgentUpload &up)
 
 class RealTimeUpload : public ::testing::Test {
 protected:
-    QTemporaryDir work, root;
-    std::unique_ptr<ModbusSlave> slave;
-    std::unique_ptr<AgentPeer> agent;
-    ChildProcess gw;
+    GatewayBox box{MODBUS_TCP_DRIVER};
+    ModbusSlave *slave = &box.slave();
+    AgentPeer *agent = &box.agent();
 
-    void SetUp() override
-    {
-        int port = freeTcpPort();
-        slave = ModbusSlave::tcp(port, 1);
-        ASSERT_TRUE(slave);
-        agent = std::make_unique<AgentPeer>(QString("tcp://127.0.0.1:%1").arg(freeTcpPort()));
-        ASSERT_TRUE(agent->bound());
-        writeFile(root.path() + "/usr/brenta/iot_conf/sn.conf", kSerial);
-        writeFile(work.path() + "/zlog.conf", "[formats]\ns = \"%V %m%n\"\n[rules]\niot.INFO >stdout; s\n");
-        writeFile(work.path() + "/iotRunTime/driver/libmodbus_tcp.so", readFile(MODBUS_TCP_DRIVER));
-        writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
-                  QString(R"({"data":[{"link_name":"PLC1","link_type":"Ethernet/TCP","link_driver":"modbus_tcp",
-                      "hmi_ip":"127.0.0.1","hmi_port":"%1","plc_id":"1","comm_time":20,"timeout1":200,
-                      "retry_times":1}]})")
-                      .arg(port)
-                      .toUtf8());
-    }
+    void SetUp() override { ASSERT_TRUE(box.ready()); }
 
     void start(const QString &settings, const QStringList &points)
     {
-        writeFile(work.path() + "/iotRunTime/RealTimeConfiguration.json",
-                  QString(R"({"upload_func_state":true,%1,"data":[%2]})").arg(settings, points.join(',')).toUtf8());
-        gw.setEnv("LUMBRA_SYSROOT", root.path());
-        gw.setEnv("LUMBRA_AGENT_URL", agent->url());
-        ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+        box.writeConfig("RealTimeConfiguration.json",
+                        QString(R"({"upload_func_state":true,%1,"data":[%2]})").arg(settings, points.join(',')).toUtf8());
+        ASSERT_TRUE(box.start());
     }
+    ChildProcess &gw() { return box.gateway(); }
 
     // The next RTD upload, checked for its full topic.
     AgentUpload next(int timeoutMs = 3000)
@@ -91,7 +70,7 @@ protected:
                 return true;
         }
         ADD_FAILURE() << "last upload: " << QStringList(last.values()).join(' ').toStdString() << "\n"
-                      << gw.output().toStdString();
+                      << gw().output().toStdString();
         return false;
     }
 };
@@ -134,7 +113,7 @@ TEST_F(RealTimeUpload, EveryTypeArrivesFormatted)
            pointJson(11, R"("data_type":0)", "4X", "0", "NOLINK")});
     EXPECT_TRUE(eventuallyUploads({{1, "1"}, {2, "65000"}, {3, "-12.34"}, {4, "100000"}, {5, "-9.9"}, {6, "1234"},
                                    {7, "0"}, {8, "21.50"}, {9, "Pump01"}, {10, "5.3"}, {11, "0"}}));
-    EXPECT_TRUE(gw.running());
+    EXPECT_TRUE(gw().running());
 }
 
 TEST_F(RealTimeUpload, ChangedOnlySendsChangesAndEverythingAfterTheAgentConnects)
@@ -147,9 +126,9 @@ TEST_F(RealTimeUpload, ChangedOnlySendsChangesAndEverythingAfterTheAgentConnects
     EXPECT_FALSE(next(2500).ok());                                // two quiet seconds: nothing sent
     slave->setHolding(1, 7);
     EXPECT_EQ(values(next()), (QMap<int, QString>{{2, "7"}}));
-    ASSERT_TRUE(agent->send(R"({"topic":"mqtt_status_Notification","status":true})"));
+    ASSERT_TRUE(box.cloudUp());
     EXPECT_EQ(values(next()), (QMap<int, QString>{{1, "1"}, {2, "7"}}));
-    EXPECT_TRUE(gw.waitForOutput("get mqtt status:1", 2000));
+    EXPECT_TRUE(gw().waitForOutput("get mqtt status:1", 2000));
 }
 
 TEST_F(RealTimeUpload, UploadTimeTenSendsAfterTheFirstSecondThenEveryTenSeconds)

@@ -97,4 +97,13 @@ void ChildProcess::stop()
     output();
 }
 
+void ChildProcess::kill()
+{
+    if (!running())
+        return;
+    m_proc.kill();
+    m_proc.waitForFinished(3000);
+    output();
+}
+
 }  // namespace lumbra::test

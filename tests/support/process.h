@@ -31,6 +31,8 @@ public:
     bool running() const { return m_proc.state() != QProcess::NotRunning; }
     qint64 pid() const { return m_proc.processId(); }
     void stop();
+    // SIGKILL, as a power cut or the kernel would end it; waits for the end.
+    void kill();
 
 private:
     QProcess m_proc;
