@@ -4,6 +4,7 @@
 #include "modbusslave.h"
 #include "process.h"
 #include "rtdconfig.h"
+#include "tcplink.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -46,9 +47,7 @@ int main(int argc, char **argv)
     }
     writeFile(root.path() + "/usr/brenta/iot_conf/sn.conf", "LUMBRA-BENCH");
     writeFile(work.path() + "/zlog.conf", "[rules]\niot.WARN >stdout\n");
-    writeFile(work.path() + "/iotRunTime/driver/libmodbus_tcp.so", readFile(MODBUS_TCP_DRIVER));
-    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
-              ("{\"data\":[" + lumbra::bench::tcpLinkJson(port, 100) + "]}").toUtf8());
+    writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port, 100);
     writeFile(work.path() + "/iotRunTime/RealTimeConfiguration.json", lumbra::bench::rtdConfig(points));
     ChildProcess gw;
     gw.setEnv("LUMBRA_SYSROOT", root.path());

@@ -2,19 +2,15 @@
 // types on one Modbus TCP link named PLC1.
 #pragma once
 
+#include "tcplink.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 
 namespace lumbra::bench {
 
-inline QString tcpLinkJson(int port, int commTimeMs = 0)
-{
-    return QString(R"({"link_name":"PLC1","link_type":"Ethernet/TCP","link_driver":"modbus_tcp",
-        "hmi_ip":"127.0.0.1","hmi_port":"%1","plc_id":"1","comm_time":%2,"timeout1":200,"retry_times":1})")
-        .arg(port)
-        .arg(commTimeMs);
-}
+using lumbra::test::tcpLinkJson;
 
 // Points cycle through u16, s16 with two decimals, u32, scaled float and a
 // bit of a word, over the first 2000 holding registers.

@@ -1,20 +1,454 @@
 #include "AlarmData.h"
 
+#include "IotToMqttComm/IotToMqttComm.h"
 #include "SQLiteDB/SQLiteDB.h"
+#include "alarmvalue.h"
+#include "device_comm/addressjson.h"
+#include "device_comm/communication.h"
+#include "deviceInfo/deviceInfo.h"
+#include "generalFunc/configfile.h"
+#include "generalFunc/globals.h"
+#include "generalFunc/jsonvalue.h"
 
-// Placeholder bodies so that everything links while the service is written.
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <cstring>
+
+using lumbra::jsonBool;
+using lumbra::jsonInt;
+using lumbra::jsonText;
+
+namespace {
+
+const char kConfigPath[] = "./iotRunTime/AlarmConfiguration.json";
+const lumbra::ConfigFileTexts kInitTexts{"Alarm data config file no such", "Alarm data config file open fail",
+                                         "Alarm data config parse fail"};
+const lumbra::ConfigFileTexts kEditTexts{"Alarm data config file no such", "alarm data config file open fail",
+                                         "alarm data config parse fail"};
+const char kDbFile[] = "alarm_iot.db";
+const char kTable[] = "alarmdata";
+const char kTableForm[] = "CREATE TABLE IF NOT EXISTS %1 (alarm_id INT NOT NULL,level INT, type INT,value TEXT,time INT);";
+const char kOldestRow[] = "select * from alarmdata limit 1";
+const int kRowCells = 5;  // alarm_id, level, type, value, time
+
+const unsigned kMaxRows = 50000;
+const int kPruneRows = 2000;
+const int kTickMs = 100;
+const quint64 kResendTicks = 30;
+const quint64 kRecountTicks = 6000;
+
+QByteArray local8(const QString &s)
+{
+    return s.toLocal8Bit();
+}
+
+const char *bitText(bool bit)
+{
+    return bit ? "ON" : "OFF";
+}
+
+// row: the cells of one stored event.
+QJsonObject eventMessage(const QStringList &row, unsigned reqId)
+{
+    const int level = row.at(1).toInt();
+    QJsonObject o{{"alarm_index", row.at(0).toInt()},
+                  {"alarm_level", level},
+                  {"alarm_note", row.at(3)},
+                  {"alarm_time", row.at(4)},
+                  {"sn_code", deviceInfo::getInstance()->sn()},
+                  {"reqId", QString::number(reqId)}};
+    if (row.at(2).toInt() != AlarmData::EVENT_ALARM)
+        return o;
+    o.insert("alarm_type", 1);
+    for (int n = 1; n <= 4; ++n)
+        o.insert(QString("alarm_level%1").arg(n), level == n ? 1 : 0);
+    // The platform reads level 5 from "alarm_level" alone; this field stays 0.
+    o.insert("alarm_level5", 0);
+    o.insert("alarm_total", 1);
+    return o;
+}
+
+}  // namespace
+
 AlarmData *AlarmData::getInstance()
 {
     static AlarmData instance;
     return &instance;
 }
-AlarmData::~AlarmData() { stop(); }
-void AlarmData::init() {}
-bool AlarmData::load() { return false; }
+
+// A static instance outlives main(); its thread must be gone by then.
+AlarmData::~AlarmData()
+{
+    stop();
+}
+
+AlarmData::AlarmCft_t AlarmData::alarmFromJson(const QJsonObject &item)
+{
+    AlarmCft_t a;
+    a.level = jsonInt(item.value("alarm_level"));
+    a.index = jsonInt(item.value("index"));
+    a.name = jsonText(item.value("alarm_name"));
+    a.text = jsonText(item.value("alarm_text"));
+    a.groupName = jsonText(item.value("group_name"));
+    a.condition = jsonInt(item.value("condition"), -1);
+    a.dataType = jsonInt(item.value("data_type"));
+    a.limitMax = jsonText(item.value("limit_max"));
+    a.limitMin = jsonText(item.value("limit_min"));
+    a.limitValue = jsonText(item.value("limit_value"));
+    a.addr = lumbra::addressFromJson(item.value("data_readAddress").toObject(), a.dataType, 0);
+    return a;
+}
+
+void AlarmData::init()
+{
+    if (!load())
+        return;
+    if (!isRunning()) {
+        // Set here, not in run(): a stop() right after start() must not be
+        // undone when the thread gets going.
+        m_running = true;
+        start();
+    }
+    zlog_info(g_zlog, "AlarmData init end");
+}
+
+bool AlarmData::load()
+{
+    zlog_info(g_zlog, "AlarmData init start");
+    openStore();
+    QJsonObject root;
+    if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
+        return false;
+    m_uploadFunc = jsonBool(root.value("upload_func_state"));
+    // Written beside the switch by the upload-control command; honoured so
+    // that the choice survives a restart.
+    m_compress = jsonBool(root.value("compressed"));
+    readAlarms(root);
+    externalAddr();
+    return true;
+}
+
+void AlarmData::openStore()
+{
+    if (!m_db)
+        m_db = std::make_unique<SQLiteDB>(kDbFile);
+    m_db->executeSQL(QString(kTableForm).arg(kTable).toStdString());
+    QMutexLocker lock(&m_mutex);
+    m_dbDataNum = m_db->dataNum(kTable);
+}
+
+void AlarmData::readAlarms(const QJsonObject &root)
+{
+    QList<AlarmCft_t> alarms;
+    QStringList ids;
+    for (const QJsonValue &v : root.value("data").toArray()) {
+        if (!v.isObject()) {
+            zlog_info(g_zlog, "Alarm entry is not an object, skipped");
+            continue;
+        }
+        const AlarmCft_t a = alarmFromJson(v.toObject());
+        zlog_info(g_zlog, "init Alarm info: name:%s index:%d condition:%d data_type:%d link:%s reg:%s no:%s",
+                  local8(a.name).constData(), a.index, a.condition, a.dataType, local8(a.addr.link).constData(),
+                  local8(a.addr.reg).constData(), local8(a.addr.addr).constData());
+        alarms.append(a);
+        ids << QString::number(a.index);
+    }
+    zlog_info(g_zlog, "Alarm code list:%s", local8(ids.join(',')).constData());
+    QMutexLocker lock(&m_mutex);
+    m_alarms = alarms;
+}
+
+bool AlarmData::externalAddr()
+{
+    QList<AddressInfo> addrs;
+    {
+        QMutexLocker lock(&m_mutex);
+        addrs.reserve(m_alarms.size());
+        for (const AlarmCft_t &a : qAsConst(m_alarms))
+            addrs.append(a.addr);
+    }
+    lumbra::registerExternalAddrs(addrs, EXTERNAL_ADDR_ALARM);
+    return true;
+}
+
 void AlarmData::stop()
 {
     m_running = false;
     wait();
 }
-void AlarmData::run() {}
-void AlarmData::MsgAck(unsigned int) {}
+
+void AlarmData::run()
+{
+    zlog_info(g_zlog, "Alarm task begin");
+    {
+        QMutexLocker lock(&m_mutex);
+        m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
+    }
+    while (m_running) {
+        QThread::msleep(kTickMs);
+        if (!m_running || !m_uploadFunc)
+            continue;
+        {
+            QMutexLocker lock(&m_mutex);
+            ++m_ticks;
+            evaluateLocked();
+            timerRefreshData();
+        }
+        // Outside the lock: a send waits up to 5 s for an absent agent, and
+        // acknowledgements must get through meanwhile.
+        if (m_sendFlag && IotToMqttComm::getInstance()->MqttStatus()) {
+            m_sendFlag = false;
+            sendData();
+        }
+    }
+    zlog_info(g_zlog, "Alarm task end");
+}
+
+void AlarmData::evaluateAll()
+{
+    QMutexLocker lock(&m_mutex);
+    evaluateLocked();
+}
+
+void AlarmData::evaluateLocked()
+{
+    for (AlarmCft_t &a : m_alarms) {
+        switch (a.condition) {
+        case 0: dealOnAlarm(a); break;
+        case 1: dealOffAlarm(a); break;
+        case 2: dealOffOnAlarm(a); break;
+        case 3: dealOnOFFAlarm(a); break;
+        default:
+            if (alarmvalue::isWordCode(a.condition))
+                dealWordAlarm(a);
+            break;
+        }
+    }
+}
+
+// A link that has not answered yet hands out zeros; judging those would
+// raise alarms (and recoveries) the device never showed.
+bool AlarmData::readValue(const AlarmCft_t &alarm)
+{
+    const int cells = qMax(alarm.addr.length, 1);
+    const int size = qMax(2 * cells, 2 * alarmvalue::kRawBytes);
+    m_raw.fill('\0', size);
+    return communication::getInstance()->getCommValue(alarm.addr.link, alarm.addr.reg, alarm.addr.index,
+                                                      alarm.addr.station, cells,
+                                                      reinterpret_cast<uchar *>(m_raw.data()), size) > 0;
+}
+
+bool AlarmData::readBit(const AlarmCft_t &alarm, bool *bit)
+{
+    if (!readValue(alarm))
+        return false;
+    quint32 raw;
+    std::memcpy(&raw, m_raw.constData(), sizeof raw);
+    *bit = raw % 2;
+    return true;
+}
+
+void AlarmData::dealLevelAlarm(AlarmCft_t &alarm, bool activeBit)
+{
+    bool bit;
+    if (!readBit(alarm, &bit))
+        return;
+    if (bit == activeBit && !alarm.alarmed) {
+        alarm.alarmed = true;
+        zlog_info(g_zlog, "trigger on alarm");
+        raise(alarm, EVENT_ALARM, bitText(bit));
+    } else if (bit != activeBit && alarm.alarmed) {
+        alarm.alarmed = false;
+        zlog_info(g_zlog, "trigger on recovery");
+        raise(alarm, EVENT_RECOVERY, bitText(bit));
+    }
+}
+
+void AlarmData::dealOnAlarm(AlarmCft_t &alarm)
+{
+    dealLevelAlarm(alarm, true);
+}
+
+void AlarmData::dealOffAlarm(AlarmCft_t &alarm)
+{
+    dealLevelAlarm(alarm, false);
+}
+
+// armed: the bit is up (and the alarm with it).
+void AlarmData::dealOffOnAlarm(AlarmCft_t &alarm)
+{
+    bool bit;
+    if (!readBit(alarm, &bit))
+        return;
+    if (bit) {
+        if (!alarm.armed) {
+            alarm.alarmed = alarm.armed = true;
+            raise(alarm, EVENT_ALARM, bitText(bit));
+        }
+    } else if (alarm.alarmed) {
+        alarm.alarmed = alarm.armed = false;
+        raise(alarm, EVENT_RECOVERY, bitText(bit));
+    } else {
+        alarm.armed = false;
+    }
+}
+
+// armed: the bit has been seen up, so that a later drop is a real falling
+// edge and not the state the device started in.
+void AlarmData::dealOnOFFAlarm(AlarmCft_t &alarm)
+{
+    bool bit;
+    if (!readBit(alarm, &bit))
+        return;
+    if (!bit) {
+        if (alarm.armed) {
+            alarm.armed = false;
+            alarm.alarmed = true;
+            raise(alarm, EVENT_ALARM, bitText(bit));
+        }
+    } else if (alarm.alarmed) {
+        alarm.alarmed = false;
+        alarm.armed = true;
+        raise(alarm, EVENT_RECOVERY, bitText(bit));
+    } else {
+        alarm.armed = true;
+    }
+}
+
+void AlarmData::dealWordAlarm(AlarmCft_t &alarm)
+{
+    if (!alarmvalue::isWordCode(alarm.condition) || !readValue(alarm))
+        return;
+    using namespace alarmvalue;
+    const uchar *raw = reinterpret_cast<const uchar *>(m_raw.constData());
+    const bool range = alarm.condition >= 9;
+    const qint64 limit = range ? 0 : limitValue(alarm.dataType, alarm.limitValue);
+    const qint64 min = range ? limitValue(alarm.dataType, alarm.limitMin) : 0;
+    const qint64 max = range ? limitValue(alarm.dataType, alarm.limitMax) : 0;
+    const bool holds = wordCondition(alarm.condition, wordValue(alarm.dataType, raw), limit, min, max);
+    if (holds == alarm.alarmed)
+        return;
+    alarm.alarmed = holds;
+    raise(alarm, holds ? EVENT_ALARM : EVENT_RECOVERY, valueText(alarm.dataType, raw));
+}
+
+void AlarmData::raise(AlarmCft_t &alarm, int type, const QString &value)
+{
+    if (insertData(alarm.index, alarm.level, type, value))
+        m_sendFlag = true;
+    forwardAlarmEvent(alarm.index, type, value);
+}
+
+bool AlarmData::insertData(const int &index, const int &level, const int &type, const QString &value)
+{
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    // One arg() call: a '%' in the value must not be taken for a placeholder.
+    const QString sql = QString("INSERT INTO %1 VALUES(%2,%3,%4,'%5',%6)")
+                            .arg(kTable, QString::number(index), QString::number(level), QString::number(type),
+                                 sqlQuote(value), QString::number(now - g_zonetime));
+    const bool ok = m_db && m_db->insert(sql.toStdString());
+    zlog_info(g_zlog, "alarm_id:%d, type:%d, value:%s, time:%s", index, type, local8(value).constData(),
+              local8(QDateTime::fromSecsSinceEpoch(now).toString("yyyy-MM-dd hh:mm:ss")).constData());
+    if (!ok)
+        return false;
+    if (++m_dbDataNum > kMaxRows && delAlarmData(kPruneRows))
+        m_dbDataNum -= kPruneRows;
+    return true;
+}
+
+bool AlarmData::delAlarmData(const int &n)
+{
+    const QString sql = QString("delete from %1 where rowid in (select rowid from %1 limit %2)").arg(kTable).arg(n);
+    const bool ok = m_db && m_db->del(sql.toStdString());
+    zlog_info(g_zlog, "del data num:%d result:%d", n, ok);
+    // The row in flight is always the oldest, so it went too; a late
+    // acknowledgement must not take the next one, which the cloud never saw.
+    if (ok)
+        m_inFlight = false;
+    return ok;
+}
+
+bool AlarmData::nextMessage(QString *topic, QString *text, bool *zip)
+{
+    QStringList row;
+    if (!m_db || !m_db->select(kOldestRow, row))
+        return false;
+    if (row.size() < kRowCells) {
+        zlog_info(g_zlog, "sql:%s data isEmpty", kOldestRow);
+        return false;
+    }
+    m_SendId += 1;
+    m_inFlight = true;
+    const QJsonObject o = eventMessage(row, m_SendId);
+    *text = QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
+    if (row.at(2).toInt() != EVENT_ALARM) {
+        *topic = "/DevSend/AlarmRecover";
+        *zip = false;
+    } else {
+        *zip = m_compress;
+        *topic = *zip ? "/DevSend/AlarmCompress" : "/DevSend/Alarm";
+    }
+    return true;
+}
+
+void AlarmData::sendData()
+{
+    QString topic, text;
+    bool zip = false;
+    bool wasAcked;
+    {
+        // The id changes under the lock, so an acknowledgement of the
+        // previous id that races this send is refused, not taken for it.
+        QMutexLocker lock(&m_mutex);
+        if (!nextMessage(&topic, &text, &zip))
+            return;
+        wasAcked = m_ackReceived.exchange(false);
+    }
+    if (IotToMqttComm::getInstance()->MqttMsgSend(topic, text, zip, 0) >= 0)
+        return;
+    // The message never left: no acknowledgement can come for it, and after
+    // an acknowledged one the next tick should try again, not wait 3 s.
+    QMutexLocker lock(&m_mutex);
+    m_inFlight = false;
+    if (wasAcked)
+        m_ackReceived = true;
+}
+
+void AlarmData::MsgAck(unsigned int reqId)
+{
+    QMutexLocker lock(&m_mutex);
+    if (reqId != m_SendId) {
+        zlog_info(g_zlog, "recv msgAck req:%u not eq m_SendId:%u", reqId, m_SendId);
+        return;
+    }
+    // A repeated acknowledgement would delete a row the cloud never saw.
+    if (!m_inFlight) {
+        zlog_info(g_zlog, "recv msgAck req:%u with no message in flight, ignored", reqId);
+        return;
+    }
+    const bool ok = delAlarmData(1);
+    if (ok && m_dbDataNum > 0)
+        --m_dbDataNum;
+    m_inFlight = false;
+    m_ackReceived = true;
+    zlog_info(g_zlog, "recv del Alarm data reqId:%u result:%d m_dbDataNum:%u", reqId, ok, m_dbDataNum);
+}
+
+// Called with m_mutex held, once per tick.
+void AlarmData::timerRefreshData()
+{
+    if (m_dbDataNum > 0 && (m_ticks % kResendTicks == 0 || m_ackReceived))
+        m_sendFlag = true;
+    if (m_ticks % kRecountTicks == 0) {
+        m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
+        if (m_dbDataNum > 0)
+            m_sendFlag = true;
+    }
+}
+
+void AlarmData::setConfigFile(const QString &message)
+{
+    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "index", "index");
+}

@@ -6,6 +6,7 @@
 
 #include "device_comm/addressinfo.h"
 
+#include <QByteArray>
 #include <QJsonObject>
 #include <QList>
 #include <QMutex>
@@ -81,14 +82,29 @@ protected:
 
 private:
     AlarmData() = default;
+    void openStore();
+    void readAlarms(const QJsonObject &root);
+    // The alarm's current raw value into m_raw; false when the link manager
+    // has none to give.
+    bool readValue(const AlarmCft_t &alarm);
+    bool readBit(const AlarmCft_t &alarm, bool *bit);
+    // Codes 0 and 1: alarmed while the bit equals activeBit.
+    void dealLevelAlarm(AlarmCft_t &alarm, bool activeBit);
+    void evaluateLocked();
     void raise(AlarmCft_t &alarm, int type, const QString &value);
+    // The oldest row as a message, under a new request id; false when the
+    // table has none.
+    bool nextMessage(QString *topic, QString *text, bool *zip);
 
     QMutex m_mutex;
     std::unique_ptr<SQLiteDB> m_db;
     QList<AlarmCft_t> m_alarms;
+    QByteArray m_raw;  // reused by every read of a tick
     quint64 m_ticks = 0;
     unsigned m_dbDataNum = 0;
     unsigned m_SendId = 0;
+    // A message is out and its acknowledgement may still delete a row.
+    bool m_inFlight = false;
     std::atomic<bool> m_uploadFunc{false};
     std::atomic<bool> m_compress{false};
     std::atomic<bool> m_sendFlag{false};

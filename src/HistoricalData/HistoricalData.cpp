@@ -1,20 +1,429 @@
 #include "HistoricalData.h"
 
-#include "SQLiteDB/SQLiteDB.h"
+#include "hisdata_p.h"
 
-// Placeholder bodies so that everything links while the service is written.
+#include "IotToMqttComm/IotToMqttComm.h"
+#include "SQLiteDB/SQLiteDB.h"
+#include "device_comm/addressjson.h"
+#include "device_comm/communication.h"
+#include "deviceInfo/deviceInfo.h"
+#include "generalFunc/configfile.h"
+#include "generalFunc/generalFunc.h"
+#include "generalFunc/globals.h"
+#include "generalFunc/jsonvalue.h"
+
+#include <QDateTime>
+#include <QJsonDocument>
+
+#include <cstring>
+
+using lumbra::jsonBool;
+using lumbra::jsonInt;
+using lumbra::jsonText;
+
+namespace {
+
+const char kConfigPath[] = "./iotRunTime/HistoryConfiguration.json";
+const char kDbFile[] = "history_iot.db";
+const char kTable[] = "historydata";
+const lumbra::ConfigFileTexts kInitTexts{"Historical data config file no such", "Historical data config file open fail",
+                                         "Historical data config parse fail"};
+const lumbra::ConfigFileTexts kEditTexts{"his data config file no such", "his data config file open fail",
+                                         "his data config parse fail"};
+const int kTickMs = 100;
+const int kSleepSliceMs = 20;
+// Ten minutes of enabled ticks between recounts of the table.
+const quint64 kRefreshTicks = 6000;
+const int kBatchRows = 300;
+const unsigned kMaxRows = 100000;
+const int kPruneRows = 2000;
+// A point is read into this many zeroed bytes, a trigger into kTriggerBytes.
+const int kPointBytes = 128;
+const int kTriggerBytes = 8;
+
+QByteArray local8(const QString &s)
+{
+    return s.toLocal8Bit();
+}
+
+// Words that fit into bytes: a configured length beyond the buffer must not
+// let the link manager write past it.
+int wordsFor(int length, int bytes)
+{
+    return qBound(1, length, bytes / 2);
+}
+
+}  // namespace
+
 HistoricalData *HistoricalData::getInstance()
 {
     static HistoricalData instance;
     return &instance;
 }
-HistoricalData::~HistoricalData() { stop(); }
-void HistoricalData::init() {}
-bool HistoricalData::load() { return false; }
+
+// A static instance outlives main(); its thread must be gone by then.
+HistoricalData::~HistoricalData()
+{
+    stop();
+}
+
+qint64 HistoricalData::clockNow() const
+{
+    return m_clock ? m_clock() : QDateTime::currentSecsSinceEpoch();
+}
+
+void HistoricalData::init()
+{
+    if (!load() || isRunning())
+        return;
+    m_running = true;
+    start();
+}
+
+bool HistoricalData::load()
+{
+    zlog_info(g_zlog, "HistoricalData init start");
+    QMutexLocker lock(&m_mutex);
+    if (!m_db) {
+        m_db = std::make_unique<SQLiteDB>(kDbFile);
+        // A failure is logged by the store; sampling then fails row by row
+        // while the rest of the gateway keeps going.
+        m_db->createTableSQL(kTable);
+    }
+    QJsonObject root;
+    if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
+        return false;
+    m_uploadFunc = jsonBool(root.value("upload_func_state"));
+    m_compress = jsonBool(root.value("compressed"));
+    loadGroups(root.value("data").toArray());
+    lock.unlock();
+    externalAddr();
+    return true;
+}
+
+// Called with m_mutex held.
+void HistoricalData::loadGroups(const QJsonArray &items)
+{
+    m_groups.clear();
+    m_formats.clear();
+    QStringList ids;
+    for (const QJsonValue &v : items) {
+        if (!v.isObject()) {
+            zlog_info(g_zlog, "his group is not an object, skipped");
+            continue;
+        }
+        HisDataCfg_t group = groupFromJson(v.toObject());
+        logGroup(group);
+        m_formats.insert(group.groupId, dataFormats(group));
+        ids << QString::number(group.groupId);
+        m_groups.append(group);
+    }
+    zlog_info(g_zlog, "His code list:%s", local8(ids.join(',')).constData());
+}
+
+HistoricalData::HisDataCfg_t HistoricalData::groupFromJson(const QJsonObject &item)
+{
+    HisDataCfg_t g;
+    g.groupId = static_cast<unsigned>(jsonInt(item.value("group_id")));
+    g.groupName = jsonText(item.value("group_name"));
+    g.sampleInterval = jsonText(item.value("sample_interval"));
+    g.period = lumbra::his::periodSeconds(g.sampleInterval);
+    g.sampleMethod = jsonInt(item.value("sample_method"));
+    g.triggerMethodText = jsonText(item.value("trigger_method"));
+    g.triggerMethod = jsonInt(item.value("trigger_method"), -1);
+    if (g.sampleMethod == SAMPLE_TRIGGER)
+        g.triggerAddr = lumbra::addressFromJson(item.value("triggerAddress").toObject(), VALUE_BIT);
+    g.sampleTotal = jsonInt(item.value("sample_total"));
+    g.saveDay = jsonInt(item.value("save_day"));
+    g.timingData = lumbra::his::clockTimes(jsonText(item.value("timing_data")));
+    g.timingMinute = jsonInt(item.value("timing_minute"), -1);
+    for (const QJsonValue &v : item.value("sample_data").toArray()) {
+        if (!v.isObject()) {
+            zlog_info(g_zlog, "group_id:%u sample point is not an object, skipped", g.groupId);
+            continue;
+        }
+        g.samples.append(lumbra::his::pointFromJson(v.toObject()));
+    }
+    return g;
+}
+
+void HistoricalData::logGroup(const HisDataCfg_t &g) const
+{
+    zlog_info(g_zlog, "group_id:%u,group_name:%s,sample_interval:%d,sample_method:%d, timing_data:%s,timing_minute:%d",
+              g.groupId, local8(g.groupName).constData(), g.period, g.sampleMethod,
+              local8(g.timingData.join(',')).constData(), g.timingMinute);
+    for (const sampData_t &p : g.samples)
+        zlog_info(g_zlog, "data_name:%s link:%s block:%s no:%s intaddr:%d sta:%d leng:%d", local8(p.name).constData(),
+                  local8(p.addr.link).constData(), local8(p.addr.reg).constData(), local8(p.addr.addr).constData(),
+                  p.addr.index, p.addr.station, p.addr.length);
+}
+
+bool HistoricalData::externalAddr()
+{
+    QList<AddressInfo> addrs;
+    {
+        QMutexLocker lock(&m_mutex);
+        for (const HisDataCfg_t &g : qAsConst(m_groups)) {
+            if (g.sampleMethod == SAMPLE_TRIGGER)
+                addrs.append(g.triggerAddr);
+            for (const sampData_t &p : g.samples)
+                addrs.append(p.addr);
+        }
+    }
+    lumbra::registerExternalAddrs(addrs, EXTERNAL_ADDR_HISTORY);
+    return true;
+}
+
 void HistoricalData::stop()
 {
     m_running = false;
     wait();
 }
-void HistoricalData::run() {}
-void HistoricalData::AckdelHisData(unsigned int) {}
+
+void HistoricalData::run()
+{
+    zlog_info(g_zlog, "historical data thread start");
+    {
+        QMutexLocker lock(&m_mutex);
+        m_rowCount = m_db ? m_db->dataNum(kTable) : 0;
+    }
+    while (m_running) {
+        // In slices, so that stop() does not wait out a whole tick.
+        for (int slept = 0; slept < kTickMs && m_running; slept += kSleepSliceMs)
+            QThread::msleep(kSleepSliceMs);
+        if (m_running)
+            tick();
+    }
+    zlog_info(g_zlog, "historical data thread end");
+}
+
+void HistoricalData::tick()
+{
+    if (!m_uploadFunc)
+        return;
+    ++m_ticks;
+    const qint64 now = clockNow();
+    {
+        QMutexLocker lock(&m_mutex);
+        m_now = now;
+        for (HisDataCfg_t &group : m_groups)
+            sampleGroup(group);
+        timerRefreshData();
+    }
+    if (m_sendFlag && IotToMqttComm::getInstance()->MqttStatus()) {
+        m_sendFlag = false;
+        sendData();
+    }
+}
+
+void HistoricalData::sampleGroup(HisDataCfg_t &group)
+{
+    switch (group.sampleMethod) {
+    case SAMPLE_CYCLE:
+        cycleSampleFun(group);
+        break;
+    case SAMPLE_TRIGGER:
+        triggerSampleFun(group);
+        break;
+    case SAMPLE_TIMING:
+        timingSampleFun(group);
+        break;
+    default:
+        break;
+    }
+}
+
+bool HistoricalData::periodDue(HisDataCfg_t &group)
+{
+    if (group.period <= 0 || m_now % group.period != 0 || m_now == group.lastSampleSecond)
+        return false;
+    group.lastSampleSecond = m_now;
+    return true;
+}
+
+bool HistoricalData::cycleSampleFun(HisDataCfg_t &group)
+{
+    if (!periodDue(group))
+        return false;
+    const bool stored = sampleData(group);
+    if (m_rowCount >= kBatchRows)
+        m_sendFlag = true;
+    return stored;
+}
+
+bool HistoricalData::triggerSet(const HisDataCfg_t &group)
+{
+    const AddressInfo &a = group.triggerAddr;
+    uchar raw[kTriggerBytes] = {0};
+    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, wordsFor(a.length, kTriggerBytes),
+                                               raw, kTriggerBytes);
+    quint32 first = 0;
+    std::memcpy(&first, raw, sizeof first);
+    return first != 0;
+}
+
+bool HistoricalData::triggerSampleFun(HisDataCfg_t &group)
+{
+    switch (group.triggerMethod) {
+    case TRIGGER_LEVEL_HIGH:
+    case TRIGGER_LEVEL_LOW:
+        if (!periodDue(group) || triggerSet(group) != (group.triggerMethod == TRIGGER_LEVEL_HIGH))
+            return false;
+        return sampleData(group);
+    case TRIGGER_RISING:
+        if (!triggerSet(group)) {
+            group.edge = false;
+            return false;
+        }
+        if (group.edge)
+            return false;
+        group.edge = true;
+        break;
+    case TRIGGER_FALLING:
+        if (triggerSet(group)) {
+            group.edge = true;
+            return false;
+        }
+        if (!group.edge)
+            return false;
+        group.edge = false;
+        break;
+    default:
+        return false;
+    }
+    m_sendFlag = true;
+    return sampleData(group);
+}
+
+bool HistoricalData::timingSampleFun(HisDataCfg_t &group)
+{
+    const QDateTime local = QDateTime::fromSecsSinceEpoch(m_now);
+    if (!group.timingData.isEmpty()) {
+        const QString hhmm = local.toString("hh:mm");
+        if (!group.timingData.contains(hhmm)) {
+            group.lastHhmm.clear();
+            return false;
+        }
+        if (hhmm == group.lastHhmm)
+            return false;
+        zlog_info(g_zlog, "sampData hh_mm:%s", local8(hhmm).constData());
+        group.lastHhmm = hhmm;
+        m_sendFlag = true;
+        return sampleData(group);
+    }
+    const int minute = local.time().minute();
+    if (minute != group.timingMinute || minute == group.lastMinute)
+        return false;
+    zlog_info(g_zlog, "sampData minute:%d", minute);
+    group.lastMinute = minute;
+    m_sendFlag = true;
+    return sampleData(group);
+}
+
+QString HistoricalData::readPoint(const sampData_t &point)
+{
+    uchar raw[kPointBytes] = {0};
+    const AddressInfo &a = point.addr;
+    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, wordsFor(a.length, kPointBytes), raw,
+                                               kPointBytes);
+    return unitTool::value2str(raw, kPointBytes, point.dataType, point.decimalDigits);
+}
+
+// Called with m_mutex held.
+bool HistoricalData::sampleData(HisDataCfg_t &group)
+{
+    if (!m_db)
+        return false;
+    QStringList texts;
+    for (const sampData_t &p : qAsConst(group.samples))
+        texts << readPoint(p);
+    const QString sql = QString("INSERT INTO %1 VALUES(%2,'%3','%4')")
+                            .arg(kTable, QString::number(group.groupId), sqlQuote(texts.join('\n')),
+                                 QString::number(m_now - g_zonetime));
+    if (!m_db->insert(sql.toStdString()))
+        return false;
+    if (++m_rowCount > kMaxRows && delHisData(kPruneRows))
+        m_rowCount -= kPruneRows;
+    return true;
+}
+
+bool HistoricalData::delHisData(const int &n)
+{
+    if (!m_db)
+        return false;
+    const bool ok = m_db->del(QString("delete from %1 where rowid in (select rowid from %1 limit %2)")
+                                  .arg(kTable)
+                                  .arg(n)
+                                  .toStdString());
+    zlog_info(g_zlog, "del data num:%d result:%d", n, ok ? 1 : 0);
+    return ok;
+}
+
+// Called with m_mutex held.
+void HistoricalData::timerRefreshData()
+{
+    if (!m_db || m_ticks % kRefreshTicks != 0)
+        return;
+    m_rowCount = m_db->dataNum(kTable);
+    m_db->VACUUM();
+    if (m_rowCount >= 1)
+        m_sendFlag = true;
+}
+
+QList<QByteArray> HistoricalData::takeBatches()
+{
+    QList<QByteArray> texts;
+    QMutexLocker lock(&m_mutex);
+    QStringList cells;
+    if (!m_db || !m_db->select(QString("select * from %1 limit %2").arg(kTable).arg(kBatchRows).toStdString(), cells))
+        return texts;
+    QMap<unsigned, QList<sendDataTime_t>> groups;
+    for (int i = 0; i + 2 < cells.size(); i += 3)
+        groups[cells.at(i).toUInt()].append(sendDataTime_t{cells.at(i + 1), cells.at(i + 2)});
+    const QString sn = deviceInfo::getInstance()->sn();
+    for (auto it = groups.constBegin(); it != groups.constEnd(); ++it) {
+        zlog_info(g_zlog, "send group id:%d data size:%d", static_cast<int>(it.key()), it.value().size());
+        const QByteArray text = lumbra::his::batchMessage(sn, it.key(), m_formats.value(it.key()), it.value());
+        if (text.isEmpty()) {
+            zlog_error(g_zlog, "json serializer err %s", "empty document");
+            continue;
+        }
+        m_sentRows[it.key()] = it.value().size();
+        texts << text;
+    }
+    return texts;
+}
+
+// Sent outside the mutex: the agent may take seconds to accept a message,
+// and the acknowledgements must not wait for that.
+void HistoricalData::sendData()
+{
+    const bool zip = m_compress;
+    const char *topic = zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData";
+    for (const QByteArray &text : takeBatches())
+        IotToMqttComm::getInstance()->MqttMsgSend(topic, QString::fromUtf8(text), zip, 0);
+}
+
+void HistoricalData::AckdelHisData(unsigned int groupId)
+{
+    QMutexLocker lock(&m_mutex);
+    // Taken, not read: a second acknowledgement of the same batch must not
+    // delete rows that were never sent.
+    const int n = m_sentRows.take(groupId);
+    bool ok = false;
+    if (m_db) {
+        ok = m_db->del(QString("delete from %1 where rowid in (select rowid from %1 where sampleID='%2' limit %3)")
+                           .arg(kTable)
+                           .arg(groupId)
+                           .arg(n)
+                           .toStdString());
+    }
+    if (ok)
+        m_rowCount -= qMin(m_rowCount, static_cast<unsigned>(n));
+    zlog_info(g_zlog, "recv del data num:%d result:%d", n, ok ? 1 : 0);
+}
+
+void HistoricalData::setConfigFile(const QString &message)
+{
+    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "group_id", "group id");
+}

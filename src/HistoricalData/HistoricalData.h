@@ -5,6 +5,7 @@
 
 #include "device_comm/addressinfo.h"
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QList>
 #include <QMap>
@@ -107,6 +108,17 @@ protected:
 private:
     HistoricalData() = default;
     void tick();
+    qint64 clockNow() const;
+    void loadGroups(const QJsonArray &items);
+    void logGroup(const HisDataCfg_t &group) const;
+    void sampleGroup(HisDataCfg_t &group);
+    // The period condition of cyclic and level groups; remembers the second.
+    bool periodDue(HisDataCfg_t &group);
+    bool triggerSet(const HisDataCfg_t &group);
+    QString readPoint(const sampData_t &point);
+    // The upload texts of the oldest rows, one per group; remembers each
+    // group's row count for its acknowledgement.
+    QList<QByteArray> takeBatches();
 
     QMutex m_mutex;
     std::unique_ptr<SQLiteDB> m_db;

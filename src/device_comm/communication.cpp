@@ -108,12 +108,21 @@ int communication::stationFor(const ULinkThread *thread, int station, int &key) 
     return m_shielded.contains(key) ? -1 : station;
 }
 
+// Cells of a local area that fit into dataSize bytes: a length configured
+// beyond the caller's buffer must not run past it.
+static int localCells(int area, int len, int dataSize)
+{
+    if (dataSize < 0)
+        return len;
+    return qMin(len, area == LocalRegisters::LB ? dataSize : dataSize / 2);
+}
+
 int communication::getCommValue(const QString &link, const QString &reg, int addr, int station, int len,
                                 uchar *data, int dataSize)
 {
     int local = getLocalIndex(reg);
     if (local >= 0)
-        return m_local.get(local, addr, len, data);
+        return m_local.get(local, addr, localCells(local, len, dataSize), data);
     ULinkThread *t = threadByName(link);
     int key = 0;
     if (!t || !data || len <= 0 || (station = stationFor(t, station, key)) < 0)
@@ -126,7 +135,7 @@ int communication::setCommValue(const QString &link, const QString &reg, int add
 {
     int local = getLocalIndex(reg);
     if (local >= 0)
-        return m_local.set(local, addr, len, data);
+        return m_local.set(local, addr, localCells(local, len, dataSize), data);
     ULinkThread *t = threadByName(link);
     int key = 0;
     if (!t || !data || len <= 0)

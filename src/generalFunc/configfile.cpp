@@ -69,11 +69,23 @@ void modifyItems(QJsonArray &items, const QJsonArray &changes, const Edit &edit)
     }
 }
 
-void deleteItems(QJsonArray &items, const QJsonArray &ids, const Edit &edit)
+// The platform writes "ids" as "3,7"; older messages carry an array.
+QSet<int> idSet(const QJsonValue &ids)
 {
-    QSet<int> gone;
-    for (const QJsonValue &v : ids)
-        gone.insert(jsonInt(v));
+    QSet<int> out;
+    if (ids.isString()) {
+        for (const QString &part : ids.toString().split(',', Qt::SkipEmptyParts))
+            out.insert(jsonInt(part.trimmed()));
+    } else {
+        for (const QJsonValue &v : ids.toArray())
+            out.insert(jsonInt(v));
+    }
+    return out;
+}
+
+void deleteItems(QJsonArray &items, const QJsonValue &ids, const Edit &edit)
+{
+    const QSet<int> gone = idSet(ids);
     for (int i = items.size() - 1; i >= 0; --i) {
         const int id = edit.idOf(items.at(i));
         if (gone.contains(id)) {
@@ -109,7 +121,7 @@ bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QSt
     } else if (edit.operation == "modify") {
         modifyItems(items, msg.value("data").toArray(), edit);
     } else if (edit.operation == "delete") {
-        deleteItems(items, msg.value("ids").toArray(), edit);
+        deleteItems(items, msg.value("ids"), edit);
     } else {
         zlog_info(g_zlog, "unknown operation_type \"%s\", %s left as it was", edit.operation.toLocal8Bit().constData(),
                   path.toLocal8Bit().constData());

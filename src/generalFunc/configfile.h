@@ -24,7 +24,8 @@ bool writeConfigObject(const QString &path, const QJsonObject &root);
 
 // Applies an online change to the file's "data": "operation_type" "add"
 // appends the message's "data" objects, "modify" replaces the items whose
-// idKey matches, "delete" removes those whose idKey is in "ids". With
+// idKey matches, "delete" removes those whose idKey is in "ids" ("3,7" or
+// an array). With
 // itemLabel set, each changed item is logged as
 // "operation_type<op> <itemLabel>:<id>". False when nothing was written.
 bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QString &message, const char *idKey,

@@ -3,6 +3,7 @@
 #include "device_comm/communication.h"
 #include "linkprobe.h"
 #include "modbusslave.h"
+#include "tcplink.h"
 #include "testsupport.h"
 
 #include <gtest/gtest.h>
@@ -28,13 +29,7 @@ protected:
         int port = freeTcpPort();
         slave = ModbusSlave::tcp(port, 1);
         ASSERT_TRUE(slave);
-        work.write("iotRunTime/driver/libmodbus_tcp.so", readFile(MODBUS_TCP_DRIVER));
-        work.write("iotRunTime/LinkConfiguration.json",
-                   QString(R"({"data":[{"link_name":"PLC1","link_type":"Ethernet/TCP","link_driver":"modbus_tcp",
-                       "master_or_slave":0,"hmi_ip":"127.0.0.1","hmi_port":"%1","plc_id":"1","comm_time":5,
-                       "timeout1":200,"retry_times":1}]})")
-                       .arg(port)
-                       .toUtf8());
+        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
         comm->initLinks();
         hr = comm->getIndexFromAddr("PLC1", "4X", "10", 1, 1);
         ASSERT_GE(hr, 0);

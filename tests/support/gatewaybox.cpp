@@ -1,6 +1,9 @@
 #include "gatewaybox.h"
 
+#include "tcplink.h"
 #include "testsupport.h"
+
+#include <QElapsedTimer>
 
 namespace lumbra::test {
 
@@ -11,13 +14,7 @@ GatewayBox::GatewayBox(const QString &driver)
     m_agent = std::make_unique<AgentPeer>(QString("tcp://127.0.0.1:%1").arg(freeTcpPort()));
     writeFile(m_root.path() + "/usr/brenta/iot_conf/sn.conf", kSerial);
     writeFile(m_work.path() + "/zlog.conf", "[formats]\ns = \"%V %m%n\"\n[rules]\niot.INFO >stdout; s\n");
-    writeFile(m_work.path() + "/iotRunTime/driver/libmodbus_tcp.so", readFile(driver));
-    writeConfig("LinkConfiguration.json",
-                QString(R"({"data":[{"link_name":"PLC1","link_type":"Ethernet/TCP","link_driver":"modbus_tcp",
-                      "hmi_ip":"127.0.0.1","hmi_port":"%1","plc_id":"1","comm_time":20,"timeout1":200,
-                      "retry_times":1}]})")
-                    .arg(port)
-                    .toUtf8());
+    writeTcpLink(m_work.path(), driver, port, 20);
 }
 
 void GatewayBox::writeConfig(const QString &name, const QByteArray &text)
@@ -36,6 +33,17 @@ bool GatewayBox::start()
 bool GatewayBox::cloudUp()
 {
     return m_agent->send(R"({"topic":"mqtt_status_Notification","status":true})");
+}
+
+bool GatewayBox::answerStatusRequest(int timeoutMs)
+{
+    QElapsedTimer t;
+    t.start();
+    while (t.elapsed() < timeoutMs) {
+        if (m_agent->receiveEnvelope(timeoutMs - t.elapsed()).value("topic").toString() == "mqtt_status_req")
+            return cloudUp();
+    }
+    return false;
 }
 
 }  // namespace lumbra::test

@@ -33,6 +33,9 @@ public:
     bool start();
     // Tells the gateway that the cloud link is up.
     bool cloudUp();
+    // As the agent does for a gateway that just started: waits for its state
+    // request, then says the cloud link is up.
+    bool answerStatusRequest(int timeoutMs = 5000);
 
 private:
     QTemporaryDir m_work, m_root;

@@ -1,0 +1,5 @@
+add_executable(bench_alarm EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/alarm_bench.cpp)
+target_link_libraries(bench_alarm PRIVATE lumbra_AlarmData lumbra_IotToMqttComm lumbra_testsupport)
+target_compile_definitions(bench_alarm PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
+add_dependencies(bench_alarm modbus_tcp)
+add_dependencies(lumbra_benchmarks bench_alarm)

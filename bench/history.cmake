@@ -1,0 +1,3 @@
+add_executable(bench_history EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/history_bench.cpp)
+target_link_libraries(bench_history PRIVATE lumbra_HistoricalData lumbra_IotToMqttComm lumbra_testsupport)
+add_dependencies(lumbra_benchmarks bench_history)
