@@ -61,15 +61,11 @@ int main(int argc, char **argv)
 {
     const int alarms = lumbra::bench::intArg(argc, argv, 1, 1000);
     const int ticks = lumbra::bench::intArg(argc, argv, 2, 2000);
-    WorkDir work;
-    BoxRoot box;
-    int port = 0;
-    auto slave = lumbra::bench::tcpSlave(&port);
-    if (!slave)
+    lumbra::bench::TcpLinkBench bench;
+    if (!bench.start(MODBUS_TCP_DRIVER, 100))
         return 1;
-    lumbra::bench::startLink(work, MODBUS_TCP_DRIVER, "modbus_tcp", lumbra::bench::tcpLinkJson(port, 100), 0);
-    const double link = tickCost(work, alarms, ticks, "4X");
-    const double local = tickCost(work, alarms, ticks, "LW");
+    const double link = tickCost(bench.work, alarms, ticks, "4X");
+    const double local = tickCost(bench.work, alarms, ticks, "LW");
     communication::getInstance()->stopLinks();
     if (link < 0 || local < 0) {
         std::fprintf(stderr, "no alarms loaded\n");

@@ -5,6 +5,7 @@
 
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
+#include "tcplink.h"
 #include "testsupport.h"
 
 #include "modbusslave.h"
@@ -50,6 +51,23 @@ inline std::unique_ptr<lumbra::test::ModbusSlave> tcpSlave(int *port)
         std::fprintf(stderr, "cannot start the Modbus TCP slave\n");
     return slave;
 }
+
+// What the TCP benchmarks share: a working dir, a box root and a libmodbus
+// TCP slave; start() brings the link "PLC1" to it up.
+struct TcpLinkBench {
+    lumbra::test::WorkDir work;
+    lumbra::test::BoxRoot box;
+    int port = 0;
+    std::unique_ptr<lumbra::test::ModbusSlave> slave = tcpSlave(&port);
+
+    bool start(const QString &driverFile, int commTimeMs, int registers = 0)
+    {
+        if (!slave)
+            return false;
+        startLink(work, driverFile, "modbus_tcp", lumbra::test::tcpLinkJson(port, commTimeMs), registers);
+        return true;
+    }
+};
 
 // Requests the slave counted over `seconds`, after a short settling time.
 template <typename Slave>

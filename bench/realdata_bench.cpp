@@ -17,14 +17,10 @@ int main(int argc, char **argv)
     const int points = lumbra::bench::intArg(argc, argv, 1, 10000);
     const int passes = lumbra::bench::intArg(argc, argv, 2, 50);
     const int commTimeMs = lumbra::bench::intArg(argc, argv, 3, 100);
-    WorkDir work;
-    BoxRoot box;
-    int port = 0;
-    auto slave = lumbra::bench::tcpSlave(&port);
-    if (!slave)
+    lumbra::bench::TcpLinkBench bench;
+    bench.work.write("iotRunTime/RealTimeConfiguration.json", lumbra::bench::rtdConfig(points));
+    if (!bench.start(MODBUS_TCP_DRIVER, commTimeMs))
         return 1;
-    work.write("iotRunTime/RealTimeConfiguration.json", lumbra::bench::rtdConfig(points));
-    lumbra::bench::startLink(work, MODBUS_TCP_DRIVER, "modbus_tcp", lumbra::bench::tcpLinkJson(port, commTimeMs), 0);
     RealData *rd = RealData::getInstance();
     if (!rd->load()) {
         std::fprintf(stderr, "no points loaded\n");
