@@ -134,9 +134,8 @@ void AlarmData::openStore()
 {
     if (!m_db)
         m_db = std::make_unique<SQLiteDB>(kDbFile);
+    // The thread counts the rows when it starts.
     m_db->executeSQL(QString(kTableForm).arg(kTable).toStdString());
-    QMutexLocker lock(&m_mutex);
-    m_dbDataNum = m_db->dataNum(kTable);
 }
 
 void AlarmData::readAlarms(const QJsonObject &root)

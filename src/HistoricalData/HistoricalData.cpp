@@ -46,13 +46,6 @@ QByteArray local8(const QString &s)
     return s.toLocal8Bit();
 }
 
-// Words that fit into bytes: a configured length beyond the buffer must not
-// let the link manager write past it.
-int wordsFor(int length, int bytes)
-{
-    return qBound(1, length, bytes / 2);
-}
-
 }  // namespace
 
 HistoricalData *HistoricalData::getInstance()
@@ -255,7 +248,7 @@ bool HistoricalData::triggerSet(const HisDataCfg_t &group)
 {
     const AddressInfo &a = group.triggerAddr;
     uchar raw[kTriggerBytes] = {0};
-    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, wordsFor(a.length, kTriggerBytes),
+    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, a.length,
                                                raw, kTriggerBytes);
     quint32 first = 0;
     std::memcpy(&first, raw, sizeof first);
@@ -324,7 +317,7 @@ QString HistoricalData::readPoint(const sampData_t &point)
 {
     uchar raw[kPointBytes] = {0};
     const AddressInfo &a = point.addr;
-    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, wordsFor(a.length, kPointBytes), raw,
+    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, a.length, raw,
                                                kPointBytes);
     return unitTool::value2str(raw, kPointBytes, point.dataType, point.decimalDigits);
 }
