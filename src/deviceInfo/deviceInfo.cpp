@@ -68,12 +68,16 @@ QString deviceInfo::sn() const
     return m_sn;
 }
 
+QString deviceInfo::model() const
+{
+    return unitTool::GetIniValue("MODEL", lumbra::boxPath(kConfigIni)).toString();
+}
+
 QString deviceInfo::DevInfoJson() const
 {
     QJsonObject info;
     info.insert("sn_code", sn());
-    QString model = unitTool::GetIniValue("MODEL", lumbra::boxPath(kConfigIni)).toString();
-    info.insert("model", model);
+    info.insert("model", model());
     info.insert("version", g_IotVersion);
     info.insert("kernel", kernelRelease());
     QString net = lumbra::boxPath(kNetIni);

@@ -12,6 +12,8 @@ public:
     void init();
     // The serial number read by init(); empty when the box has none.
     QString sn() const;
+    // The box model ("MODEL" of config.ini), read afresh; empty when unknown.
+    QString model() const;
     // A compact JSON object describing the box, read afresh on every call.
     QString DevInfoJson() const;
 

@@ -3,7 +3,9 @@
 #include "globals.h"
 #include "jsonvalue.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSaveFile>
@@ -56,16 +58,21 @@ struct Edit {
     }
 };
 
-void modifyItems(QJsonArray &items, const QJsonArray &changes, const Edit &edit)
+void modifyItems(QJsonArray &items, const QJsonArray &changes, const Edit &edit, bool appendMissing)
 {
     for (const QJsonValue &v : changes) {
         const int id = edit.idOf(v);
+        bool found = false;
         for (int i = 0; i < items.size(); ++i) {
             if (edit.idOf(items.at(i)) == id) {
                 items[i] = v;
-                edit.logChange(id);
+                found = true;
             }
         }
+        if (!found && appendMissing)
+            items.append(v);
+        if (found || appendMissing)
+            edit.logChange(id);
     }
 }
 
@@ -98,11 +105,14 @@ void deleteItems(QJsonArray &items, const QJsonValue &ids, const Edit &edit)
 }  // namespace
 
 bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QString &message, const char *idKey,
-                    const char *itemLabel)
+                    const char *itemLabel, EditOptions options)
 {
     QJsonObject root;
-    if (!readConfigObject(path, texts, &root))
+    const bool startEmpty = options.createMissing && !QFile::exists(path);
+    if (!startEmpty && !readConfigObject(path, texts, &root))
         return false;
+    if (startEmpty)
+        QDir().mkpath(QFileInfo(path).path());
     QJsonParseError error;
     QJsonDocument doc = QJsonDocument::fromJson(message.toUtf8(), &error);
     if (error.error != QJsonParseError::NoError || !doc.isObject()) {
@@ -113,13 +123,15 @@ bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QSt
     const QJsonObject msg = doc.object();
     const Edit edit{msg.value("operation_type").toString(), idKey, itemLabel};
     QJsonArray items = root.value("data").toArray();
-    if (edit.operation == "add") {
+    if (options.upsert && (edit.operation == "add" || edit.operation == "modify")) {
+        modifyItems(items, msg.value("data").toArray(), edit, true);
+    } else if (edit.operation == "add") {
         for (const QJsonValue &v : msg.value("data").toArray()) {
             items.append(v);
             edit.logChange(edit.idOf(v));
         }
     } else if (edit.operation == "modify") {
-        modifyItems(items, msg.value("data").toArray(), edit);
+        modifyItems(items, msg.value("data").toArray(), edit, false);
     } else if (edit.operation == "delete") {
         deleteItems(items, msg.value("ids"), edit);
     } else {

@@ -28,7 +28,15 @@ bool writeConfigObject(const QString &path, const QJsonObject &root);
 // an array). With
 // itemLabel set, each changed item is logged as
 // "operation_type<op> <itemLabel>:<id>". False when nothing was written.
+// How an edit treats what is not there yet: upsert makes "add" and "modify"
+// both replace the item with the same id or append it; createMissing starts
+// from an empty document when the file does not exist.
+struct EditOptions {
+    bool upsert = false;
+    bool createMissing = false;
+};
+
 bool editConfigFile(const QString &path, const ConfigFileTexts &texts, const QString &message, const char *idKey,
-                    const char *itemLabel = nullptr);
+                    const char *itemLabel = nullptr, EditOptions options = {});
 
 }  // namespace lumbra
