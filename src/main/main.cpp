@@ -5,6 +5,7 @@
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "AlarmData/AlarmData.h"
 #include "HistoricalData/HistoricalData.h"
+#include "Macro/Macro.h"
 #include "RealData/RealData.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
@@ -42,6 +43,7 @@ int main(int argc, char *argv[])
     RealData::getInstance()->init();
     HistoricalData::getInstance()->init();
     AlarmData::getInstance()->init();
+    Macro::getInstance()->init();
     // Last: every consumer has registered its addresses by now.
     communication::getInstance()->enableExternalAddrInfo(true);
     // Parsing the configuration left the heap full of freed pieces between
