@@ -1,0 +1,213 @@
+// setdata / getdata: device values by link name or link index.
+#include "HmiToMacroInterface.h"
+#include "macrolib.h"
+#include "macrolib_p.h"
+#include "macrovalue.h"
+
+#include "generalFunc/globals.h"
+
+namespace lumbra {
+
+namespace {
+
+// Encoded array data beyond this is dropped; a script's table may be huge.
+const int kMaxArrayBytes = 4096;
+const int kMaxStringBytes = 128;
+
+// Where a value lives, as the script named it.
+struct Target {
+    bool byIndex = false;
+    int linkId = 0;
+    QString link;
+    QString reg;
+    QString addr;
+    int station = 0;
+    int index = -1;
+};
+
+// Arguments 1-3 are link, register and address; the station's position
+// differs between setdata and getdata.
+Target readTarget(lua_State *L, int stationArg)
+{
+    Target t;
+    t.byIndex = lua_type(L, 1) == LUA_TNUMBER;
+    if (t.byIndex)
+        t.linkId = macroInt(L, 1);
+    else
+        t.link = macroText(L, 1);
+    t.reg = macroText(L, 2);
+    t.addr = lua_type(L, 3) == LUA_TNUMBER ? QString::number(macroInt(L, 3)) : macroText(L, 3);
+    t.station = macroInt(L, stationArg);
+    return t;
+}
+
+// Resolves the link-local index; false when the link manager knows no such address.
+bool resolve(HmiToMacroInterface *hmi, Target &t, MacroType family)
+{
+    const int mode = family == MacroType::Bit ? 0 : 1;
+    t.index = t.byIndex ? hmi->getIndexFromAddr(t.linkId, t.reg, t.addr, t.station, mode)
+                        : hmi->getIndexFromAddr(t.link, t.reg, t.addr, t.station, mode);
+    if (t.index < 0)
+        zlog_debug(g_zlog, "macro address not found link:%s reg:%s addr:%s",
+                   (t.byIndex ? QString::number(t.linkId) : t.link).toUtf8().constData(),
+                   t.reg.toUtf8().constData(), t.addr.toUtf8().constData());
+    return t.index >= 0;
+}
+
+int write(HmiToMacroInterface *hmi, const Target &t, int units, const QByteArray &data)
+{
+    const uchar *bytes = reinterpret_cast<const uchar *>(data.constData());
+    return t.byIndex ? hmi->setCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size())
+                     : hmi->setCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size());
+}
+
+int read(HmiToMacroInterface *hmi, const Target &t, int units, QByteArray &data)
+{
+    uchar *bytes = reinterpret_cast<uchar *>(data.data());
+    return t.byIndex ? hmi->getCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size())
+                     : hmi->getCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size());
+}
+
+// Room for n elements: a byte per bit cell, whole 16-bit words for the rest.
+int bufferBytes(const QString &type, int n)
+{
+    return macroTypeOf(type) == MacroType::Bit ? n : 2 * macroUnits(type, n);
+}
+
+int maxElements(const QString &type)
+{
+    return kMaxArrayBytes / macroElementBytes(type);
+}
+
+QByteArray encodeTable(lua_State *L, int arg, const QString &type, int &n)
+{
+    n = qMin(static_cast<int>(lua_rawlen(L, arg)), maxElements(type));
+    const int width = macroElementBytes(type);
+    QByteArray data(bufferBytes(type, n), '\0');
+    for (int i = 0; i < n; ++i) {
+        lua_rawgeti(L, arg, i + 1);
+        ValueToArray(reinterpret_cast<uchar *>(data.data()) + i * width, macroNumber(L, -1), type);
+        lua_pop(L, 1);
+    }
+    return data;
+}
+
+QByteArray stringBytes(lua_State *L, int arg)
+{
+    QByteArray data = macroBytes(L, arg).left(kMaxStringBytes);
+    if (data.size() % 2)
+        data.append('\0');
+    return data;
+}
+
+// The bytes to write and the units they span; empty when there is nothing.
+QByteArray encodeValue(lua_State *L, const QString &type, int &units)
+{
+    if (macroTypeOf(type) == MacroType::String) {
+        const int arg = lua_type(L, 6) == LUA_TSTRING ? 6 : 4;
+        QByteArray data = lua_type(L, arg) == LUA_TSTRING ? stringBytes(L, arg) : QByteArray();
+        units = data.size() / 2;
+        return data;
+    }
+    int n = 1;
+    QByteArray data;
+    if (lua_type(L, 6) == LUA_TTABLE) {
+        data = encodeTable(L, 6, type, n);
+    } else {
+        data = QByteArray(bufferBytes(type, 1), '\0');
+        ValueToArray(reinterpret_cast<uchar *>(data.data()), macroNumber(L, 4), type);
+    }
+    units = macroUnits(type, n);
+    return data;
+}
+
+QString typeArg(lua_State *L, int arg, const char *function)
+{
+    const QString type = arg > 0 ? macroText(L, arg).trimmed() : QString();
+    if (macroTypeOf(type) == MacroType::Unknown)
+        zlog_error(g_zlog, "%s unknown data type:%s", function, type.toUtf8().constData());
+    return type;
+}
+
+int pushTable(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QString &type)
+{
+    const int n = qBound(1, static_cast<int>(lua_rawlen(L, 5)), maxElements(type));
+    QByteArray data(bufferBytes(type, n), '\0');
+    const int status = read(hmi, t, macroUnits(type, n), data);
+    if (status < 0) {
+        lua_pushinteger(L, status);
+        return 1;
+    }
+    const int width = macroElementBytes(type);
+    for (int i = 0; i < n; ++i) {
+        double value = 0;
+        ArrayToValue(reinterpret_cast<const uchar *>(data.constData()) + i * width, value, type);
+        lua_pushnumber(L, value);
+        lua_rawseti(L, 5, i + 1);
+    }
+    lua_pushinteger(L, n);
+    return 1;
+}
+
+int pushString(lua_State *L, HmiToMacroInterface *hmi, const Target &t, bool found)
+{
+    const int bytes = qBound(0, macroInt(L, 5), kMaxArrayBytes);
+    const int units = (bytes + 1) / 2;
+    QByteArray data(2 * units, '\0');
+    if (!found || units == 0 || read(hmi, t, units, data) < 0) {
+        lua_pushliteral(L, "");
+        return 1;
+    }
+    data.truncate(bytes);
+    const int end = data.indexOf('\0');
+    lua_pushlstring(L, data.constData(), end < 0 ? data.size() : end);
+    return 1;
+}
+
+int pushScalar(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QString &type)
+{
+    QByteArray data(bufferBytes(type, 1), '\0');
+    const int status = read(hmi, t, macroUnits(type, 1), data);
+    double value = status;
+    if (status >= 0)
+        ArrayToValue(reinterpret_cast<const uchar *>(data.constData()), value, type);
+    lua_pushnumber(L, value);
+    return 1;
+}
+
+}  // namespace
+
+int l_HMIsetData(lua_State *L)
+{
+    const QString type = typeArg(L, 7, "setdata");
+    const MacroType family = macroTypeOf(type);
+    HmiToMacroInterface *hmi = macroHmi();
+    Target t = readTarget(L, 5);
+    if (family == MacroType::Unknown || !resolve(hmi, t, family))
+        return 0;
+    int units = 0;
+    const QByteArray data = encodeValue(L, type, units);
+    if (units > 0)
+        write(hmi, t, units, data);
+    return 0;
+}
+
+int l_HMIgetData(lua_State *L)
+{
+    const QString type = typeArg(L, lua_gettop(L), "getdata");
+    const MacroType family = macroTypeOf(type);
+    HmiToMacroInterface *hmi = macroHmi();
+    Target t = readTarget(L, 4);
+    const bool found = family != MacroType::Unknown && resolve(hmi, t, family);
+    if (family == MacroType::String)
+        return pushString(L, hmi, t, found);
+    if (!found) {
+        lua_pushinteger(L, -1);
+        return 1;
+    }
+    if (lua_type(L, 5) == LUA_TTABLE)
+        return pushTable(L, hmi, t, type);
+    return pushScalar(L, hmi, t, type);
+}
+
+}  // namespace lumbra
