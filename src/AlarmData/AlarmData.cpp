@@ -449,5 +449,15 @@ void AlarmData::timerRefreshData()
 
 void AlarmData::setConfigFile(const QString &message)
 {
-    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "index", "index");
+    // Upserts: the online setter makes a modified alarm exist live, so the
+    // file must hold it too, once.
+    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "index", "index", {true, true});
+}
+
+void AlarmData::startIfStopped()
+{
+    if (isRunning())
+        return;
+    m_running = true;
+    start();
 }

@@ -69,11 +69,16 @@ public:
 
     void setUploadFunc(const bool &on) { m_uploadFunc = on; }
     void setCompress(const bool &on) { m_compress = on; }
+    bool uploadFunc() const { return m_uploadFunc; }
+    bool compress() const { return m_compress; }
 
     // Not locked: for the online setters on the dispatching thread, which
     // take mutex() around their changes.
     QList<AlarmCft_t> &AlarmCfgList() { return m_alarms; }
     QMutex &mutex() { return m_mutex; }
+    // Starts the thread unless it runs: alarms added online to a box whose
+    // file was unusable at start-up get evaluated.
+    void startIfStopped();
     // An alarm record from one object of the file's "data" array.
     static AlarmCft_t alarmFromJson(const QJsonObject &item);
 

@@ -418,5 +418,73 @@ void HistoricalData::AckdelHisData(unsigned int groupId)
 
 void HistoricalData::setConfigFile(const QString &message)
 {
-    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "group_id", "group id");
+    // Upserts: the online setter makes a modified group exist live, so the
+    // file must hold it too, once.
+    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "group_id", "group id", {true, true});
+}
+
+void HistoricalData::dropGroupRows(unsigned groupId)
+{
+    // A late acknowledgement of the old batch must not take new rows.
+    m_sentRows.remove(groupId);
+    QStringList count;
+    if (!m_db || !m_db->select(QString("select count(*) from %1 where sampleID=%2").arg(kTable).arg(groupId)
+                                   .toStdString(), count) || count.value(0).toUInt() == 0)
+        return;
+    const unsigned n = count.value(0).toUInt();
+    const bool ok = m_db->del(QString("delete from %1 where sampleID=%2").arg(kTable).arg(groupId).toStdString());
+    if (ok)
+        m_rowCount -= qMin(m_rowCount, n);
+    zlog_info(g_zlog, "group_id:%u stored rows dropped:%u result:%d", groupId, n, ok ? 1 : 0);
+}
+
+bool HistoricalData::putGroup(const HisDataCfg_t &group, HisDataCfg_t *old)
+{
+    QMutexLocker lock(&m_mutex);
+    const QStringList labels = dataFormats(group);
+    if (!m_formats.contains(group.groupId) || m_formats.value(group.groupId) != labels)
+        dropGroupRows(group.groupId);
+    m_formats.insert(group.groupId, labels);
+    for (HisDataCfg_t &g : m_groups) {
+        if (g.groupId != group.groupId)
+            continue;
+        if (old)
+            *old = g;
+        // The group goes on where it was: no second sample in the same
+        // second, minute or edge.
+        HisDataCfg_t next = group;
+        next.lastSampleSecond = g.lastSampleSecond;
+        next.edge = g.edge;
+        next.lastHhmm = g.lastHhmm;
+        next.lastMinute = g.lastMinute;
+        g = next;
+        return true;
+    }
+    m_groups.append(group);
+    return false;
+}
+
+bool HistoricalData::removeGroup(unsigned groupId, HisDataCfg_t *old)
+{
+    QMutexLocker lock(&m_mutex);
+    bool found = false;
+    for (int i = m_groups.size() - 1; i >= 0; --i) {
+        if (m_groups.at(i).groupId != groupId)
+            continue;
+        if (old)
+            *old = m_groups.at(i);
+        m_groups.removeAt(i);
+        found = true;
+    }
+    m_formats.remove(groupId);
+    dropGroupRows(groupId);
+    return found;
+}
+
+void HistoricalData::startIfStopped()
+{
+    if (isRunning())
+        return;
+    m_running = true;
+    start();
 }

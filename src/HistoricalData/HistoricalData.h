@@ -91,12 +91,25 @@ public:
 
     void setUploadFunc(const bool &on) { m_uploadFunc = on; }
     void setCompress(const bool &on) { m_compress = on; }
+    bool uploadFunc() const { return m_uploadFunc; }
+    bool compress() const { return m_compress; }
 
     // Not locked: for the online setters on the dispatching thread, which
     // take mutex() around their changes.
     QList<HisDataCfg_t> &HisDataCfgList() { return m_groups; }
     QMap<unsigned, QStringList> &groupId_dataformat() { return m_formats; }
     QMutex &mutex() { return m_mutex; }
+    // Online edits of one group, under the mutex; the record replaced or
+    // removed goes to *old. A group's stored rows are read against its
+    // current labels, so rows stored under other labels are dropped, and
+    // with them the group's unacknowledged batch.
+    // putGroup: true when a group with that id was replaced, else appended.
+    bool putGroup(const HisDataCfg_t &group, HisDataCfg_t *old = nullptr);
+    // False when no group has that id.
+    bool removeGroup(unsigned groupId, HisDataCfg_t *old = nullptr);
+    // Starts the thread unless it runs: groups added online to a box whose
+    // file was unusable at start-up get sampled.
+    void startIfStopped();
     // The labels of a group's points, "type_decimals" ("7_-1" for text).
     static QStringList dataFormats(const HisDataCfg_t &group);
     // A group record from one object of the file's "data" array.
@@ -119,6 +132,8 @@ private:
     // The upload texts of the oldest rows, one per group; remembers each
     // group's row count for its acknowledgement.
     QList<QByteArray> takeBatches();
+    // Called with m_mutex held.
+    void dropGroupRows(unsigned groupId);
 
     QMutex m_mutex;
     std::unique_ptr<SQLiteDB> m_db;

@@ -33,6 +33,11 @@ const char kAbnormal[] = "The script runtime environment is abnormal.";
 
 QByteArray local8(const QString &s) { return s.toLocal8Bit(); }
 
+int scriptId(const QJsonObject &item)
+{
+    return lumbra::jsonInt(item.contains("id") ? item.value("id") : item.value("script_id"));
+}
+
 }  // namespace
 
 Macro *Macro::getInstance()
@@ -281,7 +286,7 @@ void Macro::loadScript(const QJsonObject &item, QStringList &texts)
 {
     const int type = lumbra::jsonInt(item.value("type"));
     const int cycle = lumbra::jsonInt(item.value("cycly_time"));
-    const int id = lumbra::jsonInt(item.value("id"));
+    const int id = scriptId(item);
     const QString text = item.value("text").toString();
     if (lumbra::jsonInt(item.value("flag")) == 0) {
         zlog_error(g_zlog, "IOT macro verification fail");
@@ -349,10 +354,25 @@ void Macro::startOrStopThread()
 
 void Macro::setConfigFile(const QString &message)
 {
+    // The platform's online edits name a script by "script_id"; the file by "id".
+    QJsonDocument doc = QJsonDocument::fromJson(message.toUtf8());
+    QJsonObject body = doc.object();
+    QJsonArray items = body.value("data").toArray();
+    for (int i = 0; i < items.size(); ++i) {
+        QJsonObject item = items[i].toObject();
+        if (!item.contains("id") && item.contains("script_id"))
+            item.insert("id", item.value("script_id"));
+        items[i] = item;
+    }
+    if (doc.isObject() && body.contains("data")) {
+        body.insert("data", items);
+        doc.setObject(body);
+    }
     lumbra::EditOptions options;
     options.upsert = true;
     options.createMissing = true;
-    lumbra::editConfigFile(kConfigPath, kEditTexts, message, "id", "id", options);
+    const QString edit = doc.isObject() ? QString::fromUtf8(doc.toJson(QJsonDocument::Compact)) : message;
+    lumbra::editConfigFile(kConfigPath, kEditTexts, edit, "id", "id", options);
 }
 
 void Macro::runPass()

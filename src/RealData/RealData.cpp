@@ -233,5 +233,7 @@ void RealData::setUploadFunState(const bool &on)
 
 void RealData::setConfigFile(const QString &message)
 {
-    lumbra::editConfigFile(kConfigPath, kFileTexts, message, "data_code");
+    // Upserts: the online setter makes a modified point exist live, so the
+    // file must hold it too, once.
+    lumbra::editConfigFile(kConfigPath, kFileTexts, message, "data_code", nullptr, {true, true});
 }

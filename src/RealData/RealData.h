@@ -66,11 +66,17 @@ public:
     // The text of a raw value read for cfg; old when the type has no text form.
     static QString formatValue(const DataCfg_t &cfg, const uchar *raw, int rawSize, const QString &old);
 
+    // Held by the service around each pass and each change of its map.
+    QMutex &mutex() { return m_mutex; }
     void setUploadFunState(const bool &on);
     void setCompressed(const bool &on) { m_compressed = on; }
     void setUploadTime(const int &seconds) { m_uploadTime = seconds; }
     void setValueChange(const bool &on) { m_valueChange = on; }
     void setRefreshData(const bool &on) { m_refreshData = on; }
+    bool uploadFunState() const { return m_uploadFunState; }
+    bool compressed() const { return m_compressed; }
+    int uploadTime() const { return m_uploadTime; }
+    bool valueChange() const { return m_valueChange; }
 
 protected:
     void run() override;

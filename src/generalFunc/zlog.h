@@ -36,9 +36,13 @@ void zlog(zlog_category_t *category, const char *file, size_t filelen,
           const char *func, size_t funclen, long line, int level,
           const char *format, ...) __attribute__((format(printf, 8, 9)));
 
+// A service split over several files logs under one source name: such a file
+// redefines LUMBRA_LOG_FILE after its includes.
+#define LUMBRA_LOG_FILE __FILE__
+
 #define LUMBRA_ZLOG_AT(cat, level, ...)                                        \
-    zlog(cat, __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1,  \
-         __LINE__, level, __VA_ARGS__)
+    zlog(cat, LUMBRA_LOG_FILE, sizeof(LUMBRA_LOG_FILE) - 1, __func__,          \
+         sizeof(__func__) - 1, __LINE__, level, __VA_ARGS__)
 
 #define zlog_debug(cat, ...) LUMBRA_ZLOG_AT(cat, ZLOG_LEVEL_DEBUG, __VA_ARGS__)
 #define zlog_info(cat, ...) LUMBRA_ZLOG_AT(cat, ZLOG_LEVEL_INFO, __VA_ARGS__)

@@ -5,6 +5,7 @@
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "AlarmData/AlarmData.h"
 #include "HistoricalData/HistoricalData.h"
+#include "IotConfig/IotConfig.h"
 #include "Macro/Macro.h"
 #include "RealData/RealData.h"
 #include "deviceInfo/deviceInfo.h"
@@ -40,6 +41,7 @@ int main(int argc, char *argv[])
     IotToMqttComm::getInstance()->init();
     communication::getInstance()->initLinks();
     deviceInfo::getInstance()->init();
+    IotConfig::getInstance()->init();
     RealData::getInstance()->init();
     HistoricalData::getInstance()->init();
     AlarmData::getInstance()->init();

@@ -4,6 +4,7 @@
 #include "testsupport.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 
 namespace lumbra::test {
 
@@ -20,6 +21,16 @@ GatewayBox::GatewayBox(const QString &driver)
 void GatewayBox::writeConfig(const QString &name, const QByteArray &text)
 {
     writeFile(m_work.path() + "/iotRunTime/" + name, text);
+}
+
+QByteArray GatewayBox::readConfig(const QString &name) const
+{
+    return readFile(m_work.path() + "/iotRunTime/" + name);
+}
+
+void GatewayBox::removeConfig(const QString &name)
+{
+    QFile::remove(m_work.path() + "/iotRunTime/" + name);
 }
 
 bool GatewayBox::start()

@@ -28,6 +28,8 @@ public:
     QString workPath() const { return m_work.path(); }
     // Writes ./iotRunTime/<name> of the box.
     void writeConfig(const QString &name, const QByteArray &text);
+    QByteArray readConfig(const QString &name) const;
+    void removeConfig(const QString &name);
     // Starts the gateway; a second call starts a fresh process after the
     // first one has gone.
     bool start();
