@@ -45,7 +45,6 @@ IotConfig::~IotConfig()
 }
 
 const char *IotConfig::fileOf(int kind) { return validKind(kind) ? kKinds[kind].file : ""; }
-const char *IotConfig::requestTopicOf(int kind) { return validKind(kind) ? kKinds[kind].request : ""; }
 
 QString IotConfig::storedTime(int kind) const
 {

@@ -35,11 +35,9 @@ public:
 
     // For checks and logs.
     QString storedTime(int kind) const;
-    int currentRequest() const { return m_curReqType; }
     unsigned changeFlags() const { return m_repFlag; }
 
     static const char *fileOf(int kind);
-    static const char *requestTopicOf(int kind);
 
 protected:
     void run() override;
