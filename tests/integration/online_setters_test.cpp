@@ -147,9 +147,7 @@ TEST_F(OnlineSet, RealTimePointsComeChangeAndGoWhileRunning)
     EXPECT_EQ(log.count("json parse fail:"), 1);
 }
 
-// Disabled: in optimised builds the rows stored under a group's old labels
-// survive an online modify (they go in Debug builds); under investigation.
-TEST_F(OnlineSet, DISABLED_HistoryGroupSamplesFromItsAddAndLosesItsRowsWithItsLabels)
+TEST_F(OnlineSet, HistoryGroupSamplesFromItsAddAndLosesItsRowsWithItsLabels)
 {
     slave->setHolding(3, 4321);
     slave->setHolding(4, uint16_t(-15));
