@@ -5,6 +5,8 @@
 
 #include "AlarmData/AlarmData.h"
 #include "HistoricalData/HistoricalData.h"
+#include "MqttCliManager/MqttCliManager.h"
+#include "SoftwareOpt/SoftwareOpt.h"
 #include "deviceInfo/deviceInfo.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
@@ -19,8 +21,12 @@ struct TopicFunc {
     MqttMsgEvent::DealFunc func;
 };
 
-// The forwarding and software-operation services attach their handlers with
-// setHandler() when they start.
+// The worker reports on its own topic; dispatch only hands the text over.
+int SoftwareOperation(const QString &payload)
+{
+    return SoftwareOpt::getInstance()->execOpt(payload);
+}
+
 TopicFunc mqtt_host_sub_topic_func[] = {
     {"/DevRecv/DevConnInfoAck", &MqttMsgEvent::recvLinkAckEvent},
     {"/DevRecv/RTDConfigAck", &MqttMsgEvent::recvRealAckEvent},
@@ -36,9 +42,9 @@ TopicFunc mqtt_host_sub_topic_func[] = {
     {"/DevRecv/OnlineADSet", &MqttMsgEvent::OnlineADSet},
     {"/DevRecv/MsgAck", &MqttMsgEvent::MsgAck},
     {"/DevRecv/OnlineScriptSet", &MqttMsgEvent::OnlineScriptSet},
-    {"/DevRecv/OnlineMqttServerSet", nullptr},
-    {"/DevRecv/OnlineMqttTopicSet", nullptr},
-    {"/DevRecv/SoftwareOperation", nullptr},
+    {"/DevRecv/OnlineMqttServerSet", &MqttCliManager::onlineServerHandler},
+    {"/DevRecv/OnlineMqttTopicSet", &MqttCliManager::onlineTopicHandler},
+    {"/DevRecv/SoftwareOperation", &SoftwareOperation},
 };
 
 QMutex &tableMutex()

@@ -33,21 +33,6 @@ Operation operationOf(const QString &text)
     return Operation::Unknown;
 }
 
-// The platform writes "3,7"; older messages carry an array. A part that is
-// no number counts as 0, as the acknowledgement then shows.
-QList<int> deleteIds(const QJsonValue &ids)
-{
-    QList<int> out;
-    if (ids.isArray()) {
-        for (const QJsonValue &v : ids.toArray())
-            out << jsonInt(v);
-        return out;
-    }
-    for (const QString &part : jsonText(ids).split(',', Qt::SkipEmptyParts))
-        out << jsonInt(part.trimmed());
-    return out;
-}
-
 bool putAll(const QJsonObject &msg, const Target &target, Operation op)
 {
     bool renew = false;
@@ -71,7 +56,7 @@ bool removeAll(const QJsonObject &msg, const Target &target)
 {
     bool renew = false;
     QStringList ids;
-    for (int id : deleteIds(msg.value("ids"))) {
+    for (int id : jsonIds(msg.value("ids"))) {
         renew = target.remove(id) || renew;
         ids << QString::number(id);
     }

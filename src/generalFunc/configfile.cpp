@@ -9,7 +9,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSaveFile>
-#include <QSet>
 
 namespace lumbra {
 
@@ -76,23 +75,9 @@ void modifyItems(QJsonArray &items, const QJsonArray &changes, const Edit &edit,
     }
 }
 
-// The platform writes "ids" as "3,7"; older messages carry an array.
-QSet<int> idSet(const QJsonValue &ids)
-{
-    QSet<int> out;
-    if (ids.isString()) {
-        for (const QString &part : ids.toString().split(',', Qt::SkipEmptyParts))
-            out.insert(jsonInt(part.trimmed()));
-    } else {
-        for (const QJsonValue &v : ids.toArray())
-            out.insert(jsonInt(v));
-    }
-    return out;
-}
-
 void deleteItems(QJsonArray &items, const QJsonValue &ids, const Edit &edit)
 {
-    const QSet<int> gone = idSet(ids);
+    const QList<int> gone = jsonIds(ids);
     for (int i = items.size() - 1; i >= 0; --i) {
         const int id = edit.idOf(items.at(i));
         if (gone.contains(id)) {

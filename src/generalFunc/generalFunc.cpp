@@ -53,14 +53,14 @@ QStringList words(const char *text)
     return QString::fromLocal8Bit(text).split(blanks, Qt::SkipEmptyParts);
 }
 
-QString shellQuote(const QString &s)
+}  // namespace
+
+QString unitTool::shellQuote(const QString &s)
 {
     QString quoted = s;
     quoted.replace('\'', "'\\''");
     return '\'' + quoted + '\'';
 }
-
-}  // namespace
 
 int unitTool::my_zlog_init()
 {

@@ -45,4 +45,6 @@ public:
     static int CheckProcessNum(const QString &name);
     static void deleteFilesInDirExcept(const QString &dir, const QStringList &keep);
     static QString culMd5Sum(const QString &path);
+    // s as one shell word: in single quotes, inner quotes escaped.
+    static QString shellQuote(const QString &s);
 };

@@ -1,6 +1,7 @@
 #include "jsonvalue.h"
 
 #include <QByteArray>
+#include <QJsonArray>
 
 namespace lumbra {
 
@@ -23,6 +24,19 @@ void appendJsonString(QByteArray &out, const QString &text)
         }
     }
     out.append('"');
+}
+
+QList<int> jsonIds(const QJsonValue &ids)
+{
+    QList<int> out;
+    if (ids.isArray()) {
+        for (const QJsonValue &v : ids.toArray())
+            out << jsonInt(v);
+        return out;
+    }
+    for (const QString &part : jsonText(ids).split(',', Qt::SkipEmptyParts))
+        out << jsonInt(part.trimmed());
+    return out;
 }
 
 }  // namespace lumbra

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QJsonValue>
+#include <QList>
 #include <QString>
 
 namespace lumbra {
@@ -42,5 +43,9 @@ namespace lumbra {
 // Appends text as a JSON string literal (quoted, escaped) in UTF-8: for
 // hot paths that write JSON by hand instead of building a document.
 void appendJsonString(QByteArray &out, const QString &text);
+
+// The ids of a delete: the platform writes "3,7", older messages an array.
+// A part that is no number counts as 0, so an acknowledgement shows it.
+QList<int> jsonIds(const QJsonValue &ids);
 
 }  // namespace lumbra

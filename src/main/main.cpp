@@ -7,7 +7,9 @@
 #include "HistoricalData/HistoricalData.h"
 #include "IotConfig/IotConfig.h"
 #include "Macro/Macro.h"
+#include "MqttCliManager/MqttCliManager.h"
 #include "RealData/RealData.h"
+#include "SpecialRegister/SpecialRegister.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/generalFunc.h"
@@ -40,12 +42,14 @@ int main(int argc, char *argv[])
     MqttMsgEvent::MqttDealMapInit();
     IotToMqttComm::getInstance()->init();
     communication::getInstance()->initLinks();
+    SpecialRegister::getInstance()->init();
     deviceInfo::getInstance()->init();
     IotConfig::getInstance()->init();
     RealData::getInstance()->init();
     HistoricalData::getInstance()->init();
     AlarmData::getInstance()->init();
     Macro::getInstance()->init();
+    MqttCliManager::getInstance()->init();
     // Last: every consumer has registered its addresses by now.
     communication::getInstance()->enableExternalAddrInfo(true);
     // Parsing the configuration left the heap full of freed pieces between

@@ -1,10 +1,14 @@
 // Every cloud command handler fed arbitrary payloads: the first byte picks
 // the topic, the rest is the message text. Services run on local registers
 // in a scratch working directory; the agent link is down, so nothing leaves.
-// Script edits only go as far as the file: running generated Lua would fuzz
-// the interpreter (and could loop for ever), not our handling of the message.
+// Script and forwarding-server edits only go as far as the file: running
+// generated Lua would fuzz the interpreter (and could loop for ever), and
+// generated servers would send the box connecting to whatever host the
+// fuzzer made up. Software operations are left out for the same reason:
+// they download from the address in the message.
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "Macro/Macro.h"
+#include "MqttCliManager/MqttCliManager.h"
 #include "generalFunc/globals.h"
 
 #include <QDir>
@@ -16,6 +20,22 @@
 
 namespace {
 
+void editScripts(const QString &payload)
+{
+    Macro::getInstance()->setConfigFile(payload);
+}
+
+void editServers(const QString &payload)
+{
+    MqttCliManager::getInstance()->setConfigFile(payload);
+}
+
+// Topics served through their file edit only.
+const QMap<QString, void (*)(const QString &)> kFileOnly{
+    {"/DevRecv/OnlineScriptSet", editScripts},
+    {"/DevRecv/OnlineMqttServerSet", editServers},
+};
+
 QStringList setUp()
 {
     static QTemporaryDir dir;
@@ -25,9 +45,8 @@ QStringList setUp()
     MqttMsgEvent::MqttDealMapInit();
     QStringList topics;
     for (auto it = MqttMsgEvent::MqttDealMap.constBegin(); it != MqttMsgEvent::MqttDealMap.constEnd(); ++it)
-        if (it.value() && it.key() != "/DevRecv/OnlineScriptSet")
+        if (it.value() && it.key() != "/DevRecv/SoftwareOperation")
             topics << it.key();
-    topics << QString();  // the script file edit
     return topics;
 }
 
@@ -41,8 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QString &topic = topics.at(data[0] % topics.size());
     const QString payload = QString::fromUtf8(reinterpret_cast<const char *>(data + 1), static_cast<int>(size - 1));
     MqttMsgEvent::DealFunc func = nullptr;
-    if (topic.isEmpty())
-        Macro::getInstance()->setConfigFile(payload);
+    if (kFileOnly.contains(topic))
+        kFileOnly.value(topic)(payload);
     else if (MqttMsgEvent::lookup(topic, &func) && func)
         func(payload);
     return 0;

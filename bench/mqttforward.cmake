@@ -1,0 +1,3 @@
+add_executable(bench_mqtt_forward EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/mqttforward_bench.cpp)
+target_link_libraries(bench_mqtt_forward PRIVATE lumbra_MqttCliManager lumbra_testsupport)
+add_dependencies(lumbra_benchmarks bench_mqtt_forward)

@@ -1,0 +1,178 @@
+#include "MqttCliManager.h"
+
+#include "mqtttopic.h"
+
+#include "generalFunc/boxpath.h"
+#include "generalFunc/globals.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonArray>
+
+#include <mosquitto.h>
+
+namespace {
+
+const char kConfigPath[] = "./iotRunTime/ServerCfg.json";
+const char kLocalCacheDir[] = "./mqttForwardDir";
+const char kDiskCacheDir[] = "/tmp/udisk/mqttForwardDir";
+
+QByteArray local8(const QString &s)
+{
+    return s.toLocal8Bit();
+}
+
+void initLibrary()
+{
+    static const bool done = [] {
+        mosquitto_lib_init();
+        int major = 0, minor = 0, revision = 0;
+        zlog_info(g_zlog, "mosquitto version:%d", mosquitto_lib_version(&major, &minor, &revision));
+        return true;
+    }();
+    (void)done;
+}
+
+}  // namespace
+
+MqttCliManager *MqttCliManager::getInstance()
+{
+    static MqttCliManager instance;
+    return &instance;
+}
+
+MqttCliManager::~MqttCliManager()
+{
+    stop();
+}
+
+void MqttCliManager::stop()
+{
+    QMutexLocker lock(&m_mutex);
+    clear();
+}
+
+// Called with m_mutex held.
+void MqttCliManager::clear()
+{
+    for (MqttClient *c : qAsConst(m_clients)) {
+        c->destroyClient();
+        delete c;
+    }
+    m_clients.clear();
+}
+
+bool MqttCliManager::readFile(QJsonObject *root) const
+{
+    QFile file(kConfigPath);
+    if (!file.open(QIODevice::ReadOnly)) {
+        zlog_error(g_zlog, "%s open fail", kConfigPath);
+        return false;
+    }
+    QJsonParseError error;
+    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll(), &error);
+    if (error.error != QJsonParseError::NoError || !doc.isObject()) {
+        const QString why = error.error != QJsonParseError::NoError ? error.errorString() : "not an object";
+        zlog_error(g_zlog, "json %s parse fail:%s", kConfigPath, local8(why).constData());
+        return false;
+    }
+    *root = doc.object();
+    return true;
+}
+
+void MqttCliManager::init()
+{
+    initLibrary();
+    QMutexLocker lock(&m_mutex);
+    clear();
+    QJsonObject root;
+    if (!readFile(&root))
+        return;
+    for (const QJsonValue &v : root.value("data").toArray()) {
+        if (!v.isObject()) {
+            zlog_error(g_zlog, "%s server record is not an object, skipped", kConfigPath);
+            continue;
+        }
+        addClient(v.toObject());
+    }
+    const QString disk = lumbra::boxPath(kDiskCacheDir);
+    zlog_info(g_zlog, "cache dir %s exists:%d, %s exists:%d", local8(disk).constData(), QDir(disk).exists() ? 1 : 0,
+              kLocalCacheDir, QDir(kLocalCacheDir).exists() ? 1 : 0);
+    for (MqttClient *c : qAsConst(m_clients)) {
+        c->init();
+        c->start();
+    }
+    zlog_info(g_zlog, "mqtt forward clients:%d", m_clients.size());
+}
+
+// Store type 1 is the removable disk when one is mounted; everything else
+// stays on the box.
+QString MqttCliManager::cacheDirFor(int storeType) const
+{
+    if (storeType != 1)
+        return kLocalCacheDir;
+    const QString disk = lumbra::boxPath("/tmp/udisk");
+    if (QDir(disk).exists())
+        return lumbra::boxPath(kDiskCacheDir);
+    zlog_warn(g_zlog, "no removable disk at %s, caching in %s", local8(disk).constData(), kLocalCacheDir);
+    return kLocalCacheDir;
+}
+
+// Called with m_mutex held.
+void MqttCliManager::addClient(const QJsonObject &server)
+{
+    MqttClient::Settings s = lumbra::forward::settingsFromJson(server);
+    if (s.host.isEmpty()) {
+        zlog_error(g_zlog, "server_config_id:%d has no host, skipped", s.configId);
+        return;
+    }
+    s.cacheDir = cacheDirFor(s.storeType);
+    auto *client = new MqttClient(s);
+    for (const char *list : {"publish_topic_data", "subscribe_topic_data"}) {
+        for (const QJsonValue &v : server.value(list).toArray()) {
+            MqttClient::topicData_t t = lumbra::forward::topicFromJson(v.toObject());
+            t.serverConfigId = s.configId;
+            if (lumbra::forward::isSubscribeFunc(lumbra::forward::funcOf(t)))
+                client->addSubTopicData(t);
+            else
+                client->addPubTopicData(t);
+        }
+    }
+    m_clients.append(client);
+}
+
+void MqttCliManager::replaceSysVar(QString &text, const QDateTime &when)
+{
+    if (!text.contains('%'))
+        return;
+    text.replace("%timestamp%", QString::number(when.toSecsSinceEpoch() - g_zonetime));
+    // The current time, not when: the millisecond stamp tells when the
+    // message left, the others what it is about.
+    text.replace("%timestamp_long_ms%",
+                 QString::number(QDateTime::currentMSecsSinceEpoch() - qint64(g_zonetime) * 1000));
+    text.replace("%datetime%", when.toString("yyyy-MM-dd hh:mm:ss"));
+}
+
+void MqttCliManager::dealMqttDataForward(const int &index, const int &type, QString value)
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    QMutexLocker lock(&m_mutex);
+    for (MqttClient *c : qAsConst(m_clients))
+        c->sendAlarm(index, type, value, now);
+}
+
+int MqttCliManager::clientCount() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_clients.size();
+}
+
+MqttClient *MqttCliManager::client(int configId) const
+{
+    QMutexLocker lock(&m_mutex);
+    for (MqttClient *c : m_clients)
+        if (c->configId() == configId)
+            return c;
+    return nullptr;
+}

@@ -1,0 +1,64 @@
+// The forwarding configuration's records as the clients use them: server
+// settings, topic records, publishing intervals, triggers and payload
+// templates. No I/O here.
+#pragma once
+
+#include "MqttClient.h"
+
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+
+#include <functional>
+
+namespace lumbra::forward {
+
+enum class Func { Unknown, RtdSend, AlarmSend, OnlineMessage, WillMessage, WriteRealData, Reboot };
+
+// By "func_type_name"; the number "func_type" (1..6 in the order above)
+// only when the name is empty.
+Func funcOf(const MqttClient::topicData_t &topic);
+bool isSubscribeFunc(Func f);
+
+// Seconds of a unit code: 0 seconds, 1 minutes, 2 hours, 3 days; 0 for others.
+int unitSeconds(int unit);
+
+MqttClient::Settings settingsFromJson(const QJsonObject &server);
+MqttClient::topicData_t topicFromJson(const QJsonObject &item);
+QJsonObject topicToJson(const MqttClient::topicData_t &topic);
+
+// The payload template: "json", or "json_v2" when "json" is empty.
+QString templateOf(const MqttClient::topicData_t &topic);
+// The data codes of "config_ids" ("1,2,3"); when that is empty, and always
+// for alarm topics, the codes of the "%value_<code>%" placeholders in the
+// template.
+QList<int> topicCodes(const MqttClient::topicData_t &topic);
+
+// Period in seconds of a "RTDSend" topic: type 1 the server's push period,
+// type 2 "send_interval" seconds, type 3 "send_interval" in the unit of
+// "send_interval_code". 0: never by time.
+int intervalSeconds(const MqttClient::topicData_t &topic, int pushPeriod);
+
+// Replaces "%<name>%" by value, with '"' and '\' escaped so that a text
+// value inside a JSON string stays a string.
+void fillPlaceholder(QString &text, const QString &name, const QString &value);
+
+// Whether the trigger fires for the trigger point's current value: on each
+// change for condition 0, otherwise when the condition starts to hold.
+// Keeps its memory in the topic.
+bool triggerFires(MqttClient::topicData_t &topic, const QString &value);
+
+// The payload of an alarm event on topic at when: the template filled with
+// "%alarm_index%", "%alarm_value%" and "%alarm_type%" ("ON" or "OFF"), or
+// the default object when the topic has no template. "%sn%" and the system
+// variables are left for the caller.
+QString alarmPayload(const MqttClient::topicData_t &topic, int index, int type, const QString &value);
+
+// True when "config_ids" lists index, or lists nothing.
+bool topicWantsAlarm(const MqttClient::topicData_t &topic, int index);
+
+// A client id as a file name: anything but letters, digits, '-', '_' and
+// '.' becomes '_'.
+QString fileSafe(const QString &id);
+
+}  // namespace lumbra::forward

@@ -1,0 +1,1 @@
+lumbra_add_test(specialregister_test SOURCES specialregister_test.cpp LIBS lumbra_SpecialRegister)
