@@ -202,10 +202,13 @@ void MqttClient::onConnect(int rc)
     }
     if (rc != 0)
         return;
-    if (!m_connected.exchange(true))
-        sendStatus(true);
+    const bool wasDown = !m_connected.exchange(true);
     subscribeAll();
     publishOnline();
+    // Last: the report goes through the agent, which may take seconds to
+    // accept it, and the broker side must not wait for that.
+    if (wasDown)
+        sendStatus(true);
 }
 
 void MqttClient::onDisconnect(int rc)
