@@ -272,7 +272,9 @@ TEST_F(Forwarding, OnlineEditsRebuildTheClientsAndAcknowledge)
                         .arg(QString(R"({"server_config_id":3,"host":"127.0.0.1","port":%1,"client_id":"renamed"})")
                                  .arg(broker.port())));
     EXPECT_EQ(acked("/DevSend/OnlineMqttServerSetAck"), "modify 3");
-    ASSERT_TRUE(eventually([&] { return mgr->client(3) && mgr->client(3)->isConnected(); }));
+    // The acknowledgement comes before the rebuild: wait for the new client.
+    ASSERT_TRUE(eventually([&] { return log.contains("clientID:renamed m_mosq:"); }));
+    ASSERT_TRUE(mgr->client(3));
     EXPECT_EQ(mgr->client(3)->settings().clientId, "renamed");
     EXPECT_EQ(mgr->client(3)->pubTopics().size(), 1);
 
