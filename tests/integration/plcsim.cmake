@@ -1,0 +1,10 @@
+# The simulated PLC as masters see it: over loopback TCP and on its pty.
+if(TARGET lumbra-plcsim)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(PLCSIM_TEST_MODBUS REQUIRED libmodbus)
+  lumbra_add_test(plcsim_test SOURCES plcsim_test.cpp)
+  target_include_directories(plcsim_test PRIVATE ${PLCSIM_TEST_MODBUS_INCLUDE_DIRS})
+  target_link_libraries(plcsim_test PRIVATE ${PLCSIM_TEST_MODBUS_LIBRARIES})
+  target_compile_definitions(plcsim_test PRIVATE LUMBRA_PLCSIM_BINARY="$<TARGET_FILE:lumbra-plcsim>")
+  add_dependencies(plcsim_test lumbra-plcsim)
+endif()
