@@ -1,0 +1,166 @@
+// lumbra-agent between a real mosquitto and a nanomsg peer playing the
+// gateway: uploads, compressed uploads, cloud commands, status, broker
+// outages, a gateway that is away, malformed input and bad settings.
+#include "agentrun.h"
+#include "gatewaypeer.h"
+#include "mosquittobroker.h"
+#include "testsupport.h"
+
+#include <QDir>
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+using namespace lumbra::test;
+
+namespace {
+
+QByteArray envelope(const QString &topic, const QString &msg, int qos, bool zip)
+{
+    const QJsonObject obj{{"topic", topic}, {"msg", msg}, {"qos", qos}, {"zip", zip}};
+    return QJsonDocument(obj).toJson(QJsonDocument::Compact);
+}
+
+QByteArray inflate(const QByteArray &data)
+{
+    QByteArray out(1 << 16, '\0');
+    uLongf size = static_cast<uLongf>(out.size());
+    if (uncompress(reinterpret_cast<Bytef *>(out.data()), &size, reinterpret_cast<const Bytef *>(data.constData()),
+                   static_cast<uLong>(data.size())) != Z_OK)
+        return "<not a zlib stream>";
+    return out.left(static_cast<int>(size));
+}
+
+class AgentBridge : public ::testing::Test {
+protected:
+    MosquittoBroker broker;
+    std::unique_ptr<MqttProbe> cloud;
+    std::unique_ptr<AgentRun> agent;
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(broker.start());
+        cloud = std::make_unique<MqttProbe>(broker.port(), "#");
+        ASSERT_TRUE(cloud->connected());
+        agent = std::make_unique<AgentRun>(LUMBRA_AGENT_BINARY, broker.port());
+    }
+    bool startAgent(const QString &ini = QString())
+    {
+        agent->addConfig(ini);
+        return agent->start() && agent->process().waitForOutput("connected", 5000);
+    }
+    QString topic(const char *shortTopic) const { return agent->prefix() + shortTopic; }
+    bool status(GatewayPeer &gw, bool want)
+    {
+        const QJsonObject n = gw.receiveTopic("mqtt_status_Notification", 8000);
+        return !n.isEmpty() && n.value("status").toBool(!want) == want;
+    }
+};
+
+}  // namespace
+
+TEST_F(AgentBridge, UploadsArePublishedAndCloudCommandsReachTheGateway)
+{
+    ASSERT_TRUE(startAgent());
+    GatewayPeer gw(agent->url());
+    // Queued since the broker connected, before any gateway was there.
+    EXPECT_TRUE(status(gw, true));
+    ASSERT_TRUE(gw.send(R"({"topic":"mqtt_status_req"})"));
+    EXPECT_TRUE(status(gw, true));
+
+    const QString text = QString::fromUtf8(R"({"sn_code":"x","data":[{"code":1,"data":"Grüße"}]})");
+    ASSERT_TRUE(gw.send(envelope(topic("/DevSend/RTD"), text, 1, false)));
+    ASSERT_TRUE(gw.send(envelope(topic("/DevSend/RTDCompress"), text.repeated(50), 7, true)));
+    EXPECT_EQ(cloud->take(topic("/DevSend/RTD"), 1, 3000).value(0).payload, text.toUtf8());
+    const QByteArray zipped = cloud->take(topic("/DevSend/RTDCompress"), 1, 3000).value(0).payload;
+    EXPECT_LT(zipped.size(), text.toUtf8().size() * 50);
+    EXPECT_EQ(inflate(zipped), text.repeated(50).toUtf8());
+
+    const QByteArray ack = R"({"reqTopic":"/DevSend/Alarm","reqId":"17"})";
+    ASSERT_TRUE(cloud->publish(topic("/DevRecv/MsgAck"), ack));
+    const QJsonObject got = gw.receiveTopic("/DevRecv/MsgAck", 3000);
+    EXPECT_EQ(got, (QJsonObject{{"topic", "/DevRecv/MsgAck"}, {"msg", QString(ack)}}));
+
+    // A gateway that is away (restarting) gets its commands when it is back.
+    gw.close();
+    ASSERT_TRUE(cloud->publish(topic("/DevRecv/WriteData"), "{\"n\":1}"));
+    ASSERT_TRUE(agent->process().waitForOutput("broker -> gateway /DevRecv/WriteData", 3000));
+    ASSERT_TRUE(gw.connect());
+    EXPECT_EQ(gw.receiveTopic("/DevRecv/WriteData", 3000).value("msg").toString(), "{\"n\":1}");
+}
+
+TEST_F(AgentBridge, MalformedEnvelopesAreDroppedAndTheAgentGoesOn)
+{
+    ASSERT_TRUE(startAgent());
+    GatewayPeer gw(agent->url());
+    const QByteArray bad[] = {"not json", "[1,2]", R"({"qos":1,"msg":"x"})", R"({"topic":5,"msg":"x"})",
+                              R"({"topic":"","msg":"x"})", R"({"topic":"/a","msg":{"x":1}})", R"({"topic":"/a"})"};
+    for (const QByteArray &b : bad)
+        ASSERT_TRUE(gw.send(b));
+    ASSERT_TRUE(gw.send(envelope("/a/+/wild", "x", 0, false)));
+    ASSERT_TRUE(gw.send(envelope(topic("/DevSend/Alarm"), "still here", 0, false)));
+    EXPECT_EQ(cloud->take(topic("/DevSend/Alarm"), 1, 3000).value(0).payload, "still here");
+    ASSERT_TRUE(agent->process().waitForOutput(": still here", 3000));
+    EXPECT_EQ(agent->count("dropped malformed envelope"), int(std::size(bad)));
+    EXPECT_EQ(agent->count("dropped message with invalid topic"), 1);
+    EXPECT_TRUE(agent->process().running());
+}
+
+TEST_F(AgentBridge, BrokerOutageIsReportedAndUploadsWaitForTheReconnect)
+{
+    // Long enough a first retry for the test to bring the broker and a new
+    // subscriber back before the agent returns.
+    ASSERT_TRUE(startAgent("[broker]\nreconnect_min_s=3"));
+    GatewayPeer gw(agent->url());
+    ASSERT_TRUE(status(gw, true));
+    broker.stop();
+    EXPECT_TRUE(status(gw, false));
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(gw.send(envelope(topic("/DevSend/RTD"), QString::number(i), 0, false)));
+    ASSERT_TRUE(agent->process().waitForOutput("connection lost", 3000));
+
+    ASSERT_TRUE(broker.start());
+    MqttProbe late(broker.port(), "#");
+    ASSERT_TRUE(late.connected());
+    EXPECT_TRUE(status(gw, true));
+    QStringList order;
+    for (const MqttMessage &m : late.take(topic("/DevSend/RTD"), 3, 3000))
+        order << m.payload;
+    EXPECT_EQ(order, QStringList({"0", "1", "2"})) << agent->output().toStdString();
+}
+
+TEST(AgentOptions, BadCommandLinesAndSettingsAreReported)
+{
+    AgentRun probe(LUMBRA_AGENT_BINARY, 1);
+    struct Case {
+        QStringList args;
+        int exitCode;
+        const char *says;
+    } cases[] = {
+        {{"--bogus"}, 2, "unknown option --bogus"},
+        {{"-c"}, 2, "-c needs a file"},
+        {{"-c", "/nonexistent/agent.ini"}, 2, "cannot read config /nonexistent/agent.ini"},
+        {{"--help"}, 0, "usage: lumbra-agent"},
+    };
+    for (const Case &c : cases) {
+        ChildProcess run;
+        ASSERT_TRUE(run.start(LUMBRA_AGENT_BINARY, c.args, QDir::tempPath()));
+        ASSERT_TRUE(run.waitForExit(3000)) << c.says;
+        EXPECT_EQ(run.exitCode(), c.exitCode) << c.says;
+        EXPECT_TRUE(run.output().contains(c.says)) << run.output().toStdString();
+    }
+
+    // Bad values are named, their defaults used, and the agent runs on; it
+    // leaves with 0 on SIGTERM.
+    probe.addConfig("[broker]\nport=http\ntls_insecure=maybe\nkeepalive=2\n[supervisor]\nstable_s=-1\nnonsense line");
+    ASSERT_TRUE(probe.start());
+    for (const char *says : {"broker/port 'http' is not a number in 1..65535, using 1883",
+                             "broker/tls_insecure 'maybe' is not true or false, using false",
+                             "broker/keepalive '2' is not a number in 5..65535, using 60",
+                             "supervisor/stable_s '-1' is not a number in 0..86400, using 30",
+                             "nonsense line ignored"})
+        EXPECT_TRUE(probe.process().waitForOutput(says, 3000)) << says << "\n" << probe.output().toStdString();
+    probe.process().stop();
+    EXPECT_EQ(probe.process().exitCode(), 0);
+}

@@ -1,0 +1,150 @@
+// The real gateway under lumbra-agent, with a real mosquitto as the cloud:
+// a cloud command reaches the gateway's dispatch and its answer the broker,
+// and the gateway's own restart request (after a configuration change)
+// brings up a new process that still holds its unacknowledged history.
+#include "agentrun.h"
+#include "gatewaybox.h"
+#include "mosquittobroker.h"
+#include "platformsim.h"
+#include "testsupport.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSet>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+using namespace lumbra::test;
+
+namespace {
+
+const char kPoint[] = R"({"data_code":%1,"data_type":0,"data_readAddress":)"
+                      R"({"link":"PLC1","block":"4X","no":"%2","sta":1,"length":1}})";
+
+// Group 1 samples every second; a rising edge on coil 5 samples group 2.
+const char kHistory[] = R"({"upload_func_state":true,"compressed":false,"data":[
+  {"group_id":1,"group_name":"cycle","sample_interval":"0,0,1","sample_method":1,"sample_data":[
+    {"data_code":1,"data_type":0,"data_readAddress":{"link":"PLC1","block":"4X","no":"0","sta":1,"length":1}}]},
+  {"group_id":2,"group_name":"edge","sample_interval":"0,0,1","sample_method":2,"trigger_method":"2",
+   "triggerAddress":{"link":"PLC1","block":"0X","no":"5","sta":1,"length":1},"sample_data":[
+    {"data_code":2,"data_type":0,"data_readAddress":{"link":"PLC1","block":"4X","no":"1","sta":1,"length":1}}]}]})";
+
+class SupervisedGateway : public ::testing::Test {
+protected:
+    GatewayBox box{MODBUS_TCP_DRIVER};
+    MosquittoBroker broker;
+    std::unique_ptr<MqttProbe> cloud;
+    std::unique_ptr<AgentRun> agent;
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(box.ready());
+        ASSERT_TRUE(broker.start());
+        cloud = std::make_unique<MqttProbe>(broker.port(), "#");
+        ASSERT_TRUE(cloud->connected());
+        agent = std::make_unique<AgentRun>(LUMBRA_AGENT_BINARY, broker.port());
+    }
+    bool startGateway()
+    {
+        return agent->start({gatewayBinary()}, box.workPath()) &&
+               agent->process().waitForOutput("gateway started", 5000);
+    }
+    QString topic(const QString &shortTopic) const { return agent->prefix() + shortTopic; }
+    // The device's messages on shortTopic so far (at least count, within timeoutMs).
+    QList<QJsonObject> sent(const QString &shortTopic, int count, int timeoutMs)
+    {
+        QList<QJsonObject> out;
+        for (const MqttMessage &m : cloud->take(topic(shortTopic), count, timeoutMs))
+            out << QJsonDocument::fromJson(m.payload).object();
+        return out;
+    }
+    std::string log() { return agent->output().toStdString(); }
+};
+
+}  // namespace
+
+TEST_F(SupervisedGateway, ACloudCommandReachesTheGatewayAndItsAnswerTheBroker)
+{
+    box.slave().setHolding(0, 11);
+    box.slave().setHolding(1, 22);
+    box.writeConfig("RealTimeConfiguration.json",
+                    QString(R"({"upload_func_state":true,"global_upload_time":1,"data":[%1]})")
+                        .arg(QString(kPoint).arg(1).arg(0))
+                        .toUtf8());
+    ASSERT_TRUE(startGateway());
+    // Announcing itself means the gateway heard from the agent that the cloud is up.
+    ASSERT_FALSE(sent("/DevSend/DevConfigReq", 1, 15000).isEmpty()) << log();
+
+    const QString add = QString(R"({"operation_type":"add","data":[%1]})").arg(QString(kPoint).arg(2).arg(1));
+    ASSERT_TRUE(cloud->publish(topic("/DevRecv/OnlineRTDSet"), add.toUtf8()));
+    const auto addAcked = [&] {
+        for (const QJsonObject &ack : sent("/DevSend/OnlineRTDSetAck", 1, 100))
+            if (ack.value("data_index").toString() == "2" && ack.value("operation_type").toString() == "add")
+                return ack.value("operation_result").toInt() == 1;
+        return false;
+    };
+    EXPECT_TRUE(eventually(addAcked, 8000)) << log();
+    const auto uploadsNewPoint = [&] {
+        const QList<QJsonObject> rtd = sent("/DevSend/RTD", 1, 100);
+        for (const QJsonValue &v : rtd.value(rtd.size() - 1).value("data").toArray())
+            if (v["code"].toInt() == 2)
+                return v["data"].toString() == "22";
+        return false;
+    };
+    EXPECT_TRUE(eventually(uploadsNewPoint, 8000)) << log();
+}
+
+TEST_F(SupervisedGateway, ItsRestartRequestRestartsItWithTheUnacknowledgedHistoryKept)
+{
+    box.slave().setHolding(0, 42);
+    box.writeConfig("HistoryConfiguration.json", kHistory);
+    QJsonObject link = QJsonDocument::fromJson(box.readConfig("LinkConfiguration.json")).object();
+    link.insert("last_updata_time", "2026-11-01 08:00:00");
+    ASSERT_TRUE(startGateway());
+
+    // A rising edge on coil 5 samples the edge group and starts a send pass,
+    // which uploads every stored row of the cyclic group too.
+    const auto groupOneTimes = [&](int from) {
+        QSet<QString> times;
+        const QList<QJsonObject> batches = sent("/DevSend/Sequential/HisData", 0, 0);
+        for (int i = from; i < batches.size(); ++i)
+            if (batches[i].value("group_id").toInt() == 1)
+                for (const QJsonValue &row : batches[i].value("data").toArray())
+                    times.insert(row["data_time"].toString());
+        return times;
+    };
+    const auto kickUntil = [&](const std::function<bool()> &done) {
+        return eventually([&] {
+            box.slave().setCoil(5, false);
+            QThread::msleep(300);
+            box.slave().setCoil(5, true);
+            return done();
+        }, 20000);
+    };
+
+    // The platform: a newer link configuration, nothing newer for the rest;
+    // the last answer waits until stored rows have been uploaded once.
+    for (int kind = 0; kind < 6; ++kind) {
+        ASSERT_FALSE(cloud->take(topic(PlatformSim::requestTopic(kind)), 1, 15000).isEmpty()) << kind << log();
+        if (kind == 5) {
+            ASSERT_TRUE(kickUntil([&] { return !groupOneTimes(0).isEmpty(); })) << log();
+        }
+        const QByteArray reply =
+            kind == 0 ? QJsonDocument(link).toJson(QJsonDocument::Compact) : R"({"data":[],"last_updata_time":"1"})";
+        ASSERT_TRUE(cloud->publish(topic(PlatformSim::replyTopic(kind)), reply));
+    }
+    ASSERT_TRUE(agent->process().waitForOutput("the gateway asks to be restarted", 10000)) << log();
+    ASSERT_TRUE(agent->waitUntil([&] { return agent->gatewayPids().size() == 2; }, 10000)) << log();
+    const QList<qint64> pids = agent->gatewayPids();
+    EXPECT_NE(pids[0], pids[1]);
+    EXPECT_TRUE(agent->output().contains(QString("gateway pid %1 stopped").arg(pids[0])));
+    EXPECT_EQ(box.readConfig("LinkConfiguration.json"), QJsonDocument(link).toJson(QJsonDocument::Compact));
+
+    // The new process announces itself through the same agent connection as
+    // the old one uploaded, so every batch of the old one has arrived by then.
+    ASSERT_EQ(sent("/DevSend/DevConfigReq", 2, 15000).size(), 2) << log();
+    const int uploadsBefore = sent("/DevSend/Sequential/HisData", 0, 0).size();
+    const QSet<QString> before = groupOneTimes(0);
+    EXPECT_TRUE(kickUntil([&] { return groupOneTimes(uploadsBefore).contains(before); })) << log();
+}
