@@ -54,6 +54,11 @@ void IotToMqttComm::init()
     int timeout = kSendTimeoutMs;
     if (nn_setsockopt(sock, NN_SOL_SOCKET, NN_SNDTIMEO, &timeout, sizeof timeout) < 0)
         zlog_error(g_zlog, "nn_setsockopt fail:%s", nn_strerror(nn_errno()));
+    // A whole configuration from the platform can pass nanomsg's 1 MB default
+    // receive limit, which drops the link rather than the message.
+    int unlimited = -1;
+    if (nn_setsockopt(sock, NN_SOL_SOCKET, NN_RCVMAXSIZE, &unlimited, sizeof unlimited) < 0)
+        zlog_error(g_zlog, "nn_setsockopt fail:%s", nn_strerror(nn_errno()));
     // nanomsg keeps reconnecting on its own, so an agent that is not up yet
     // is no reason to give up here.
     QByteArray url = lumbra::agentUrl().toLocal8Bit();

@@ -138,6 +138,16 @@ TEST_F(AgentBridge, StatusNotificationReachesFlagAndLocalWord)
     EXPECT_EQ(statusWord(), 0);
 }
 
+TEST_F(AgentBridge, TakesMessagesLargerThanAMegabyte)
+{
+    // A full configuration for thousands of points is this large.
+    handled(true);
+    const QByteArray text(3 * 1024 * 1024, 'x');
+    ASSERT_TRUE(s_peer->send("{\"topic\":\"/DevRecv/WriteData\",\"msg\":\"" + text + "\"}", 5000));
+    ASSERT_TRUE(eventually([] { return !handled().isEmpty(); }, 5000));
+    EXPECT_EQ(handled().first().size(), text.size());
+}
+
 TEST_F(AgentBridge, DispatchesOnlyExactKnownTopicsAndOutlivesBadMessages)
 {
     LogCapture log;
