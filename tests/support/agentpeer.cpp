@@ -3,6 +3,8 @@
 #include <QElapsedTimer>
 #include <QJsonDocument>
 
+#include <cerrno>
+
 #include <nanomsg/nn.h>
 #include <nanomsg/pair.h>
 
@@ -15,16 +17,19 @@ void NnSocket::reset(int fd)
     m_fd = fd;
 }
 
-AgentPeer::AgentPeer(const QString &url) : m_url(url)
+AgentPeer::AgentPeer(const QString &url, Role role) : m_url(url), m_role(role)
 {
-    bind();
+    open();
 }
 
-bool AgentPeer::bind()
+bool AgentPeer::open()
 {
     m_socket.reset();
     NnSocket s(nn_socket(AF_SP, NN_PAIR));
-    if (!s.valid() || nn_bind(s.get(), m_url.toUtf8().constData()) < 0)
+    const QByteArray url = m_url.toUtf8();
+    if (!s.valid())
+        return false;
+    if ((m_role == Role::Bind ? nn_bind(s.get(), url.constData()) : nn_connect(s.get(), url.constData())) < 0)
         return false;
     m_socket.reset(s.release());
     return true;
@@ -40,18 +45,26 @@ bool AgentPeer::send(const QByteArray &bytes, int timeoutMs)
 
 QByteArray AgentPeer::receive(int timeoutMs)
 {
-    // nanomsg takes 0 as "do not wait", -1 as "wait for ever"; neither is meant here.
-    timeoutMs = qMax(timeoutMs, 1);
-    if (!bound() ||
-        nn_setsockopt(m_socket.get(), NN_SOL_SOCKET, NN_RCVTIMEO, &timeoutMs, sizeof timeoutMs) < 0)
-        return QByteArray();
-    char *buf = nullptr;
-    int len = nn_recv(m_socket.get(), &buf, NN_MSG, 0);
-    if (len < 0)
-        return QByteArray();
-    QByteArray data(buf, len);
-    nn_freemsg(buf);
-    return data;
+    QElapsedTimer t;
+    t.start();
+    while (bound()) {
+        // nanomsg takes 0 as "do not wait", -1 as "wait for ever"; neither is meant here.
+        int left = qMax(timeoutMs - static_cast<int>(t.elapsed()), 1);
+        if (nn_setsockopt(m_socket.get(), NN_SOL_SOCKET, NN_RCVTIMEO, &left, sizeof left) < 0)
+            break;
+        char *buf = nullptr;
+        int len = nn_recv(m_socket.get(), &buf, NN_MSG, 0);
+        if (len >= 0) {
+            QByteArray data(buf, len);
+            nn_freemsg(buf);
+            return data;
+        }
+        // Where Qt reaps its children through a SIGCHLD handler (no pidfd:
+        // older kernels, emulators), any child's exit cuts the wait short.
+        if (nn_errno() != EINTR || t.elapsed() >= timeoutMs)
+            break;
+    }
+    return QByteArray();
 }
 
 QJsonObject AgentPeer::receiveEnvelope(int timeoutMs)

@@ -40,13 +40,16 @@ struct AgentUpload {
 
 class AgentPeer {
 public:
-    // Binds right away; bound() tells whether that worked.
-    explicit AgentPeer(const QString &url);
+    // Bind plays the agent; Connect plays a gateway talking to a real agent.
+    enum class Role { Bind, Connect };
+    // Opens right away; bound() tells whether that worked.
+    explicit AgentPeer(const QString &url, Role role = Role::Bind);
     QString url() const { return m_url; }
     bool bound() const { return m_socket.valid(); }
-    // Leaves the URL, as an agent that went away; bind() comes back.
+    // Leaves the URL, as a peer that went away; open() comes back.
     void close() { m_socket.reset(); }
-    bool bind();
+    bool open();
+    bool bind() { return open(); }
 
     bool send(const QByteArray &bytes, int timeoutMs = 2000);
     // The next message, or empty when none came within timeoutMs.
@@ -59,6 +62,7 @@ public:
 
 private:
     QString m_url;
+    Role m_role;
     NnSocket m_socket;
 };
 

@@ -4,28 +4,20 @@
 
 #include "agentpeer.h"
 
-#include <QByteArray>
 #include <QJsonObject>
 #include <QString>
 
 namespace lumbra::test {
 
-class GatewayPeer {
+class GatewayPeer : public AgentPeer {
 public:
-    explicit GatewayPeer(const QString &url);
-    // Leaves the agent, as a gateway that ends; connect() comes back.
-    void close() { m_socket.reset(); }
-    bool connect();
-
-    bool send(const QByteArray &bytes, int timeoutMs = 3000);
+    explicit GatewayPeer(const QString &url) : AgentPeer(url, Role::Connect) {}
+    // Comes back after close(), as a restarted gateway.
+    bool connect() { return open(); }
     // The next message that is a JSON object, or an empty one after timeoutMs.
-    QJsonObject receive(int timeoutMs);
-    // The next message whose "topic" is topic, skipping others.
+    QJsonObject receive(int timeoutMs) { return receiveEnvelope(timeoutMs); }
+    // The next message whose "topic" is exactly topic, skipping others.
     QJsonObject receiveTopic(const QString &topic, int timeoutMs);
-
-private:
-    QString m_url;
-    NnSocket m_socket;
 };
 
 }  // namespace lumbra::test
