@@ -4,6 +4,11 @@
 
 #include <QTcpSocket>
 
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+
 namespace {
 
 const int kSetupConnectWaitMs = 1;
@@ -30,8 +35,8 @@ bool ULinkPortTcpClient::setup(const std::string &text)
             m_socket->waitForDisconnected(kConnectWaitMs);
     }
     m_socket->abort();  // a half-made connection to the old peer is of no use
-    m_socket->connectToHost(m_peer.address, m_peer.port);
-    m_socket->waitForConnected(kSetupConnectWaitMs);
+    startConnect();
+    finishConnect(kSetupConnectWaitMs);
     m_setUp = true;
     return true;
 }
@@ -39,7 +44,48 @@ bool ULinkPortTcpClient::setup(const std::string &text)
 bool ULinkPortTcpClient::connecting() const
 {
     auto s = m_socket->state();
-    return s == QAbstractSocket::HostLookupState || s == QAbstractSocket::ConnectingState;
+    return m_pending.valid() || s == QAbstractSocket::HostLookupState || s == QAbstractSocket::ConnectingState;
+}
+
+// QTcpSocket::waitForConnected gives the attempt up when its time runs out,
+// and on a slow CPU even a 1 ms wait runs out before Qt has polled once. So
+// the attempt runs on a socket of our own, which Qt takes over once it stands.
+void ULinkPortTcpClient::startConnect()
+{
+    m_pending.reset();
+    m_connectError = 0;
+    sockaddr_in addr;
+    if (!lumbra::net::toSockaddr(m_peer, &addr)) {
+        m_socket->connectToHost(m_peer.address, m_peer.port);  // IPv6: Qt's own way
+        return;
+    }
+    FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd.valid() && (::connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 ||
+                       errno == EINPROGRESS))
+        m_pending = std::move(fd);
+    else
+        m_connectError = errno;
+}
+
+bool ULinkPortTcpClient::finishConnect(int timeoutMs)
+{
+    if (!m_pending.valid())  // connected already, failed, or an IPv6 attempt of Qt's own
+        return m_socket->state() == QAbstractSocket::ConnectedState ||
+               (connecting() && m_socket->waitForConnected(timeoutMs));
+    pollfd p{m_pending.get(), POLLOUT, 0};
+    if (::poll(&p, 1, timeoutMs < 0 ? 0 : timeoutMs) <= 0)
+        return false;  // still under way
+    int err = 0;
+    socklen_t len = sizeof err;
+    if (::getsockopt(m_pending.get(), SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+        err = errno;
+    if (err == 0 && m_socket->setSocketDescriptor(m_pending.get())) {
+        m_pending.release();
+        return true;
+    }
+    m_connectError = err;
+    m_pending.reset();
+    return false;
 }
 
 int ULinkPortTcpClient::Recv(QByteArray &buffer, int timeoutMs)
@@ -47,7 +93,7 @@ int ULinkPortTcpClient::Recv(QByteArray &buffer, int timeoutMs)
     if (!m_socket)
         return -1;
     if (connecting()) {
-        m_socket->waitForConnected(timeoutMs);
+        finishConnect(timeoutMs);
         return 0;
     }
     if (m_socket->state() != QAbstractSocket::ConnectedState)
@@ -67,11 +113,10 @@ int ULinkPortTcpClient::Send(const char *data, int len)
 {
     if (!m_socket || !data || len < 0)
         return -1;
-    if (connecting()) {
-        m_socket->waitForConnected(0);
-        if (connecting())
-            return 0;
-    }
+    if (connecting())
+        finishConnect(0);
+    if (connecting())
+        return 0;
     if (m_socket->state() != QAbstractSocket::ConnectedState)
         return -1;
     qint64 n = m_socket->write(data, len);
@@ -88,11 +133,20 @@ int ULinkPortTcpClient::Reset()
         m_socket->state() == QAbstractSocket::ClosingState)
         m_socket->waitForDisconnected(kDisconnectWaitMs);
     m_socket->abort();
-    m_socket->connectToHost(m_peer.address, m_peer.port);
-    if (!m_socket->waitForConnected(kConnectWaitMs))
+    startConnect();
+    if (!finishConnect(kConnectWaitMs))
         zlog_info(g_zlog, "tcp connect %s:%u failed:%s", m_peer.address.toString().toLocal8Bit().constData(),
-                  m_peer.port, m_socket->errorString().toLocal8Bit().constData());
+                  m_peer.port, connectFailure().constData());
     return 0;
+}
+
+QByteArray ULinkPortTcpClient::connectFailure() const
+{
+    if (m_pending.valid())
+        return std::strerror(ETIMEDOUT);
+    if (m_connectError != 0)
+        return std::strerror(m_connectError);
+    return m_socket->errorString().toLocal8Bit();
 }
 
 int ULinkPortTcpClient::checkValid() const
@@ -119,6 +173,7 @@ void ULinkPortTcpClient::shutdown()
 {
     if (!m_socket)
         return;
+    m_pending.reset();
     m_socket->disconnectFromHost();
     m_socket->abort();
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "netsocket.h"
+#include "device_comm/serialport/fdhandle.h"
 #include "ulinkport.h"
 
 class QTcpSocket;
@@ -37,8 +38,17 @@ public:
 
 private:
     bool connecting() const;
+    void startConnect();
+    // Hands the socket to Qt once the kernel reports the connection made,
+    // waiting up to timeoutMs for that; true when connected. A time-out
+    // leaves the attempt running.
+    bool finishConnect(int timeoutMs);
+    // Why the last attempt did not connect, for the log.
+    QByteArray connectFailure() const;
 
     QTcpSocket *m_socket = nullptr;  // child of this port, so it follows MoveToThread
     lumbra::net::Endpoint m_peer;
     bool m_setUp = false;
+    FdHandle m_pending;  // our own socket while its connect is under way
+    int m_connectError = 0;  // errno of our own attempt's failure, 0 for none
 };
