@@ -117,20 +117,20 @@ struct UploadCtrl {
     bool valueChange = false;
 };
 
+// File first, as for every online change: whoever sees the new state in
+// memory (or a restart right after) finds it in the file too.
 void applyRealTime(const UploadCtrl &c)
 {
-    RealData *rd = RealData::getInstance();
-    {
-        QMutexLocker lock(&rd->mutex());
-        rd->setCompressed(c.compressed);
-        rd->setUploadFunState(c.on);
-        rd->setUploadTime(c.uploadTime);
-        rd->setValueChange(c.valueChange);
-    }
     setFileKeys(IotConfig::fileOf(CFG_REAL), QJsonObject{{"upload_func_state", c.on},
                                                          {"global_upload_time", c.uploadTime},
                                                          {"compressed", c.compressed},
                                                          {"global_value_change_setting", c.valueChange}});
+    RealData *rd = RealData::getInstance();
+    QMutexLocker lock(&rd->mutex());
+    rd->setCompressed(c.compressed);
+    rd->setUploadFunState(c.on);
+    rd->setUploadTime(c.uploadTime);
+    rd->setValueChange(c.valueChange);
 }
 
 }  // namespace
@@ -167,13 +167,13 @@ int MqttMsgEvent::DataUploadCtrl(const QString &payload)
     if (type == 1) {
         applyRealTime(c);
     } else if (type == 2) {
+        setFileKeys(IotConfig::fileOf(CFG_ALARM), keys);
         AlarmData::getInstance()->setCompress(c.compressed);
         AlarmData::getInstance()->setUploadFunc(c.on);
-        setFileKeys(IotConfig::fileOf(CFG_ALARM), keys);
     } else if (type == 3) {
+        setFileKeys(IotConfig::fileOf(CFG_HISTORY), keys);
         HistoricalData::getInstance()->setCompress(c.compressed);
         HistoricalData::getInstance()->setUploadFunc(c.on);
-        setFileKeys(IotConfig::fileOf(CFG_HISTORY), keys);
     }
     return 0;
 }
