@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFile>
 
 namespace lumbra::test {
 namespace {
@@ -18,6 +19,32 @@ void ensureApp()
     static char name[] = "lumbra-test";
     static char *argv[] = {name, nullptr};
     static QCoreApplication app(argc, argv);
+}
+
+// The ELF machine a program is built for, 0 for anything else.
+int elfMachine(const QString &path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray h = f.read(20);
+    if (h.size() < 20 || !h.startsWith("\x7f" "ELF"))
+        return 0;
+    const int lo = uchar(h[18]), hi = uchar(h[19]);
+    return h[5] == 2 ? (lo << 8 | hi) : (hi << 8 | lo);  // EI_DATA 2: big-endian
+}
+
+// A test that itself runs under an emulator (a cross build on the build
+// host, without binfmt_misc) cannot exec a program built for the same
+// target: the host kernel refuses it. LUMBRA_TEST_EMULATOR names the command
+// that runs it instead; host programs (mosquitto, python3) start as they are.
+QStringList emulatorFor(const QString &program)
+{
+    const QStringList emulator = QProcess::splitCommand(qEnvironmentVariable("LUMBRA_TEST_EMULATOR"));
+    const int machine = elfMachine(program);
+    if (emulator.isEmpty() || machine == 0 || machine != elfMachine("/proc/self/exe"))
+        return {};
+    return emulator;
 }
 
 }  // namespace
@@ -54,7 +81,11 @@ bool ChildProcess::start(const QString &program, const QStringList &args, const 
     }
     m_proc.setProcessEnvironment(m_env);
     m_proc.setWorkingDirectory(workDir);
-    m_proc.start(program, args);
+    const QStringList emulator = emulatorFor(program);
+    if (emulator.isEmpty())
+        m_proc.start(program, args);
+    else
+        m_proc.start(emulator.first(), emulator.mid(1) + QStringList{program} + args);
     return m_proc.waitForStarted(5000);
 }
 
