@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS  ?= 2
 ARMHF_BUILD ?= build-armhf
 
-.PHONY: all deps configure build test demo bench clean package armhf test-armhf
+.PHONY: all deps configure build test demo bench clean package armhf test-armhf package-armhf
 
 all: build
 
@@ -40,6 +40,9 @@ armhf: deps
 
 test-armhf: armhf
 	@scripts/test-armhf $(ARMHF_BUILD)
+
+package-armhf: armhf
+	@cd $(ARMHF_BUILD) && cpack -G DEB
 
 clean:
 	@rm -rf $(BUILD)
