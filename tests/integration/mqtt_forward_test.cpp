@@ -6,7 +6,7 @@
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "MqttCliManager/MqttCliManager.h"
 #include "RealData/RealData.h"
-#include "agentpeer.h"
+#include "cloudlinkfixture.h"
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
 #include "modbusslave.h"
@@ -58,26 +58,15 @@ QJsonObject json(const QByteArray &text)
     return QJsonDocument::fromJson(text).object();
 }
 
-class Forwarding : public ::testing::Test {
+class Forwarding : public CloudLinkFixture {
 protected:
-    LogCapture log;
-    WorkDir work;
-    BoxRoot box;
-    const int port = freeTcpPort();
-    std::unique_ptr<ModbusSlave> slave = ModbusSlave::tcp(port, 1);
-    const QString url = QString("tcp://127.0.0.1:%1").arg(freeTcpPort());
-    AgentPeer agent{url};
     MqttCliManager *mgr = MqttCliManager::getInstance();
-    communication *comm = communication::getInstance();
 
     void SetUp() override
     {
-        ASSERT_TRUE(slave && agent.bound());
-        MqttMsgEvent::MqttDealMapInit();
-        setenv("LUMBRA_AGENT_URL", url.toLocal8Bit().constData(), 1);
-        IotToMqttComm::getInstance()->init();
-        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
-        comm->initLinks();
+        CloudLinkFixture::SetUp();
+        if (HasFatalFailure())
+            return;
         const QString rtd = R"({"upload_func_state":false,"global_upload_time":0,"data":[%1,%2]})";
         work.write("iotRunTime/RealTimeConfiguration.json", rtd.arg(point(1, 1), point(2, 2)).toUtf8());
         RealData::getInstance()->init();
@@ -87,8 +76,7 @@ protected:
         mgr->stop();
         AlarmData::getInstance()->stop();
         RealData::getInstance()->stop();
-        comm->stopLinks();
-        IotToMqttComm::getInstance()->stop(2000);
+        CloudLinkFixture::TearDown();
     }
     void startForwarding(const QStringList &servers)
     {

@@ -7,7 +7,7 @@
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "RealData/RealData.h"
 #include "SQLiteDB/SQLiteDB.h"
-#include "agentpeer.h"
+#include "cloudlinkfixture.h"
 #include "device_comm/communication.h"
 #include "modbusslave.h"
 #include "tcplink.h"
@@ -41,36 +41,18 @@ QString edit(const char *op, const QStringList &items)
 
 const char kDelete[] = R"({"operation_type":"delete","ids":"%1"})";
 
-class OnlineSet : public ::testing::Test {
+class OnlineSet : public CloudLinkFixture {
 protected:
-    LogCapture log;
-    WorkDir work;
-    BoxRoot box;
-    const int port = freeTcpPort();
-    std::unique_ptr<ModbusSlave> slave = ModbusSlave::tcp(port, 1);
-    const QString url = QString("tcp://127.0.0.1:%1").arg(freeTcpPort());
-    AgentPeer agent{url};
     RealData *rd = RealData::getInstance();
     HistoricalData *his = HistoricalData::getInstance();
     AlarmData *ad = AlarmData::getInstance();
-    communication *comm = communication::getInstance();
 
-    void SetUp() override
-    {
-        ASSERT_TRUE(slave && agent.bound());
-        MqttMsgEvent::MqttDealMapInit();
-        setenv("LUMBRA_AGENT_URL", url.toLocal8Bit().constData(), 1);
-        IotToMqttComm::getInstance()->init();
-        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
-        comm->initLinks();
-    }
     void TearDown() override
     {
         rd->stop();
         his->stop();
         ad->stop();
-        comm->stopLinks();
-        IotToMqttComm::getInstance()->stop(2000);
+        CloudLinkFixture::TearDown();
     }
 
     // The real-time service starts with points, the others with nothing.

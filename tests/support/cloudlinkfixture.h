@@ -1,0 +1,49 @@
+// A gateway in the test process as far as its cloud side: a Modbus TCP link
+// to a libmodbus slave, the agent bridge connected to a bound agent peer and
+// the dispatch table filled. Test targets define MODBUS_TCP_DRIVER.
+#pragma once
+
+#include "IotToMqttComm/IotToMqttComm.h"
+#include "IotToMqttComm/MqttMsgEvent.h"
+#include "agentpeer.h"
+#include "device_comm/communication.h"
+#include "modbusslave.h"
+#include "tcplink.h"
+#include "testsupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace lumbra::test {
+
+class CloudLinkFixture : public ::testing::Test {
+protected:
+    LogCapture log;
+    WorkDir work;
+    BoxRoot box;
+    const int port = freeTcpPort();
+    std::unique_ptr<ModbusSlave> slave = ModbusSlave::tcp(port, 1);
+    const QString url = QString("tcp://127.0.0.1:%1").arg(freeTcpPort());
+    AgentPeer agent{url};
+    communication *comm = communication::getInstance();
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(slave && agent.bound());
+        MqttMsgEvent::MqttDealMapInit();
+        setenv("LUMBRA_AGENT_URL", url.toLocal8Bit().constData(), 1);
+        IotToMqttComm::getInstance()->init();
+        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
+        comm->initLinks();
+    }
+    // Services stop first (their subclass TearDown), the link and bridge last.
+    void TearDown() override
+    {
+        comm->stopLinks();
+        IotToMqttComm::getInstance()->stop(2000);
+    }
+};
+
+}  // namespace lumbra::test
