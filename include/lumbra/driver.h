@@ -21,7 +21,12 @@
 extern "C" {
 #endif
 
-#define LUMBRA_DRIVER_ABI_VERSION 1
+/* Version 2 added the results NEED_MORE and the no-reply frame, value kinds
+ * and qualities, written-value tickets and the log callback. A driver uses
+ * what a version added only when the gateway's LUMBRA_LINK_INFO.abi_version
+ * is at least that version; a gateway uses an entry point only when the
+ * driver exports it. */
+#define LUMBRA_DRIVER_ABI_VERSION 2
 
 /* A frame handed between a driver and its link thread. It is sent only when
  * 1 <= len < LUMBRA_FRAME_SIZE. */
@@ -48,7 +53,7 @@ typedef struct KEY_ADDRESS {
 /* What intf_initProperty receives in its first buffer (its int is the size of
  * this struct, so a driver can check it). Texts are zero-terminated. */
 typedef struct LUMBRA_LINK_INFO {
-    int32_t abi_version;   /* LUMBRA_DRIVER_ABI_VERSION */
+    int32_t abi_version;   /* the gateway's LUMBRA_DRIVER_ABI_VERSION */
     int32_t link_id;
     int32_t comm_type;     /* 0/1 serial, 2/3 UDP, 4/5/7 TCP, 6 CAN */
     int32_t master_or_slave;
@@ -76,6 +81,44 @@ typedef struct LUMBRA_LINK_INFO {
 #define LUMBRA_RESULT_SLAVE_REPLY 6      /* slave: a reply waits in intf_getSendFrame */
 #define LUMBRA_RESULT_EXCHANGE_FAILED 9  /* port reset, 1000 ms pause */
 #define LUMBRA_RESULT_NEW_PORT_SETUP 100 /* text holds new port set-up text */
+/* ABI 2. The reply is not complete yet (a TCP reply cut into segments, a
+ * serial reply still arriving, noise before it). The link thread keeps what
+ * it received, receives more until the reply time-out has passed since the
+ * request went out, and hands the whole buffer, from its first byte, again.
+ * When the time-out passes first it hands an empty buffer: no reply. */
+#define LUMBRA_RESULT_NEED_MORE 4
+
+/* ABI 2. What intf_getSendFrame returns for a frame that gets no reply (a
+ * broadcast): the link thread sends it and does not wait for an answer. Any
+ * other non-zero result means a request whose reply intf_dealRcvFrame gets. */
+#define LUMBRA_FRAME_NO_REPLY 2
+
+/* ABI 2. What a value is, so that the driver applies the byte order the
+ * link or station asks for (intf_getValue, intf_setValue). */
+#define LUMBRA_KIND_RAW 0    /* unknown: laid out as intf_getData does */
+#define LUMBRA_KIND_BIT 1    /* count bits, one byte 0/1 each */
+#define LUMBRA_KIND_16BIT 2  /* 16-bit integers and BCD, count 1: one native uint16 */
+#define LUMBRA_KIND_32BIT 3  /* 32-bit integers, BCD and floats, count 2: one native 32-bit value */
+#define LUMBRA_KIND_STRING 4 /* text of count words: 2 * count characters in reading order */
+
+/* ABI 2. How good a value is (intf_getValue). Only GOOD values may be
+ * reported as the device's: the others keep the last good value (if any)
+ * for the gateway, which never passes it on as current. */
+#define LUMBRA_QUALITY_GOOD 0     /* the device sent it on the last read */
+#define LUMBRA_QUALITY_NOT_READ 1 /* not read yet */
+#define LUMBRA_QUALITY_NO_REPLY 2 /* the last read got no valid reply, or the station is down */
+#define LUMBRA_QUALITY_REFUSED 3  /* the device answered the last read with an exception */
+
+/* ABI 2. States of a written value (intf_writeState). */
+#define LUMBRA_WRITE_PENDING 0 /* queued or in flight */
+#define LUMBRA_WRITE_DONE 1    /* the device confirmed it (a broadcast: it went out) */
+#define LUMBRA_WRITE_FAILED -1 /* refused, unanswered, cancelled or unknown: text says which */
+
+/* ABI 2. Levels of the log callback. */
+#define LUMBRA_LOG_DEBUG 0
+#define LUMBRA_LOG_INFO 1
+#define LUMBRA_LOG_WARN 2
+#define LUMBRA_LOG_ERROR 3
 
 /* Result of intf_checkAddrValidity for a valid address (index is set). */
 #define LUMBRA_ADDR_OK 0
@@ -90,6 +133,10 @@ typedef struct LUMBRA_LINK_INFO {
 /* Called by the driver when a polled value changes:
  * (link id, station, register name, index). */
 typedef void (*lumbra_value_changed_cb)(int link_id, int station, const char *reg, int index);
+/* ABI 2. Called by the driver to log one line (no newline), always from
+ * inside one of its entry points. The driver limits repeats itself: a fault
+ * that recurs every poll is logged once, then at most once a minute. */
+typedef void (*lumbra_log_cb)(int link_id, int level, const char *text);
 
 /* Entry points. Return -1 for "cannot", as the gateway does. */
 typedef int (*intf_getSendFrame_t)(FRAME_PRO *frame); /* non-zero when a frame was produced */
@@ -112,6 +159,24 @@ typedef void (*inft_setDisconnect_t)(void);
 typedef int (*intf_setS7_Smart_Run_t)(int run);
 typedef int (*intf_setStation_t)(int station);
 typedef int (*intf_setFunc_t)(int id, void *arg);
+/* ABI 2. intf_getData for a value of a LUMBRA_KIND_*; *quality gets a
+ * LUMBRA_QUALITY_*. Returns 1 when data holds a value the device sent (the
+ * current one or, when the quality is not GOOD, the last good one), 0 when
+ * there is none (data zeroed, quality not GOOD), -1 for invalid arguments. */
+typedef int (*intf_getValue_t)(int station, const char *reg, int addr, int count, int kind, unsigned char *data,
+                               int len, int *quality);
+/* ABI 2. intf_setData for a value of a LUMBRA_KIND_*; on 1 (queued) *ticket
+ * gets a positive number that intf_writeState and intf_cancelWrite take. */
+typedef int (*intf_setValue_t)(int station, const char *reg, int addr, int count, int kind,
+                               const unsigned char *data, int len, int *ticket);
+/* ABI 2. A LUMBRA_WRITE_*; for FAILED, text says why ("exception 2 (illegal
+ * data address)", "no reply", "cancelled"). */
+typedef int (*intf_writeState_t)(int ticket, char *text, int text_size);
+/* ABI 2. The gateway stopped waiting for the write: if it has not gone out
+ * it never will; if it is in flight it is not retried. */
+typedef void (*intf_cancelWrite_t)(int ticket);
+/* ABI 2. Called once after loading, like intf_setAddrValueChangeCallBack. */
+typedef void (*intf_setLogCallBack_t)(lumbra_log_cb cb);
 
 #ifdef LUMBRA_DRIVER_DECLARE_ENTRY_POINTS
 int intf_getSendFrame(FRAME_PRO *frame);
@@ -133,6 +198,13 @@ void inft_setDisconnect(void);
 int intf_setS7_Smart_Run(int run);
 int intf_setStation(int station);
 int intf_setFunc(int id, void *arg);
+int intf_getValue(int station, const char *reg, int addr, int count, int kind, unsigned char *data, int len,
+                  int *quality);
+int intf_setValue(int station, const char *reg, int addr, int count, int kind, const unsigned char *data, int len,
+                  int *ticket);
+int intf_writeState(int ticket, char *text, int text_size);
+void intf_cancelWrite(int ticket);
+void intf_setLogCallBack(lumbra_log_cb cb);
 #endif
 
 #ifdef __cplusplus

@@ -1,5 +1,6 @@
 #include "communication.h"
 
+#include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
 #include "linkconfig.h"
 #include "src/ulinkthread.h"
@@ -118,7 +119,7 @@ static int localCells(int area, int len, int dataSize)
 }
 
 int communication::getCommValue(const QString &link, const QString &reg, int addr, int station, int len,
-                                uchar *data, int dataSize)
+                                uchar *data, int dataSize, int, int *)
 {
     int local = getLocalIndex(reg);
     if (local >= 0)
@@ -131,7 +132,7 @@ int communication::getCommValue(const QString &link, const QString &reg, int add
 }
 
 int communication::setCommValue(const QString &link, const QString &reg, int addr, int station, int len,
-                                const uchar *data, int dataSize)
+                                const uchar *data, int dataSize, int, QString *)
 {
     int local = getLocalIndex(reg);
     if (local >= 0)
@@ -145,6 +146,22 @@ int communication::setCommValue(const QString &link, const QString &reg, int add
         return -1;
     }
     return t->SetValue(station, reg, addr, len, data, dataSize >= 0 ? dataSize : 2 * len);
+}
+
+int communication::kindOf(int valueType)
+{
+    switch (valueType) {
+    case VALUE_BIT: return LUMBRA_KIND_BIT;
+    case VALUE_U16:
+    case VALUE_S16:
+    case VALUE_BCD16: return LUMBRA_KIND_16BIT;
+    case VALUE_U32:
+    case VALUE_S32:
+    case VALUE_BCD32:
+    case VALUE_FLOAT: return LUMBRA_KIND_32BIT;
+    case VALUE_STRING: return LUMBRA_KIND_STRING;
+    default: return LUMBRA_KIND_RAW;
+    }
 }
 
 int communication::getIndexFromName(const QString &name) const

@@ -28,11 +28,23 @@ public:
     // addr is a local cell address or a driver index (getIndexFromAddr); len
     // counts cells or words. A negative station means the link's own
     // "plc_id". dataSize, when given, is the room in data in bytes; without
-    // it data must hold 2 * len bytes.
+    // it data must hold 2 * len bytes. kind (LUMBRA_KIND_*, kindOf) tells the
+    // driver which byte order applies.
+    //
+    // getCommValue: 1 when data holds a value the device sent on its last
+    // read; 0 when it has none (data then hold the last good value or zeros,
+    // and *quality, a LUMBRA_QUALITY_*, says why); -1 when the address is
+    // unusable. Local registers are always good.
     int getCommValue(const QString &link, const QString &reg, int addr, int station, int len, uchar *data,
-                     int dataSize = -1);
+                     int dataSize = -1, int kind = LUMBRA_KIND_RAW, int *quality = nullptr);
+    // setCommValue waits until the device confirms the write, at most the
+    // link's reply time-out: 1 when confirmed (local registers: 1 written, 0
+    // unchanged), -1 when refused, unanswered or impossible; *why then says
+    // which, and a WARN line names the address.
     int setCommValue(const QString &link, const QString &reg, int addr, int station, int len, const uchar *data,
-                     int dataSize = -1);
+                     int dataSize = -1, int kind = LUMBRA_KIND_RAW, QString *why = nullptr);
+    // The LUMBRA_KIND_* of a configured value type (VALUE_* of generalFunc).
+    static int kindOf(int valueType);
 
     int getIndexFromName(const QString &name) const;
     int getIndexFromID(int id) const;
