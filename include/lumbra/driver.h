@@ -97,8 +97,8 @@ typedef struct LUMBRA_LINK_INFO {
  * link or station asks for (intf_getValue, intf_setValue). */
 #define LUMBRA_KIND_RAW 0    /* unknown: laid out as intf_getData does */
 #define LUMBRA_KIND_BIT 1    /* count bits, one byte 0/1 each */
-#define LUMBRA_KIND_16BIT 2  /* 16-bit integers and BCD, count 1: one native uint16 */
-#define LUMBRA_KIND_32BIT 3  /* 32-bit integers, BCD and floats, count 2: one native 32-bit value */
+#define LUMBRA_KIND_16BIT 2  /* 16-bit integers and BCD, count N: N native uint16 */
+#define LUMBRA_KIND_32BIT 3  /* 32-bit integers, BCD and floats, count 2N: N native 32-bit values */
 #define LUMBRA_KIND_STRING 4 /* text of count words: 2 * count characters in reading order */
 
 /* ABI 2. How good a value is (intf_getValue). Only GOOD values may be

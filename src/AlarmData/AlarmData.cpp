@@ -227,7 +227,8 @@ void AlarmData::evaluateLocked()
     }
 }
 
-// A link that has not answered yet hands out zeros; judging those would
+// Only a value the device sent on its last read is judged: the zeros of a
+// point never read, or the stale value of one whose station is down, would
 // raise alarms (and recoveries) the device never showed.
 bool AlarmData::readValue(const AlarmCft_t &alarm)
 {
@@ -236,7 +237,8 @@ bool AlarmData::readValue(const AlarmCft_t &alarm)
     m_raw.fill('\0', size);
     return communication::getInstance()->getCommValue(alarm.addr.link, alarm.addr.reg, alarm.addr.index,
                                                       alarm.addr.station, cells,
-                                                      reinterpret_cast<uchar *>(m_raw.data()), size) > 0;
+                                                      reinterpret_cast<uchar *>(m_raw.data()), size,
+                                                      communication::kindOf(alarm.dataType)) == 1;
 }
 
 bool AlarmData::readBit(const AlarmCft_t &alarm, bool *bit)

@@ -244,27 +244,33 @@ bool HistoricalData::cycleSampleFun(HisDataCfg_t &group)
     return stored;
 }
 
-bool HistoricalData::triggerSet(const HisDataCfg_t &group)
+// -1 while the trigger point has no good value: a trigger the device did not
+// show must neither sample nor arm an edge.
+int HistoricalData::triggerState(const HisDataCfg_t &group)
 {
     const AddressInfo &a = group.triggerAddr;
     uchar raw[kTriggerBytes] = {0};
-    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, a.length,
-                                               raw, kTriggerBytes);
+    if (communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, a.length, raw,
+                                                   kTriggerBytes) != 1)
+        return -1;
     quint32 first = 0;
     std::memcpy(&first, raw, sizeof first);
-    return first != 0;
+    return first != 0 ? 1 : 0;
 }
 
 bool HistoricalData::triggerSampleFun(HisDataCfg_t &group)
 {
+    const int state = triggerState(group);
+    if (state < 0)
+        return false;
     switch (group.triggerMethod) {
     case TRIGGER_LEVEL_HIGH:
     case TRIGGER_LEVEL_LOW:
-        if (!periodDue(group) || triggerSet(group) != (group.triggerMethod == TRIGGER_LEVEL_HIGH))
+        if (!periodDue(group) || (state == 1) != (group.triggerMethod == TRIGGER_LEVEL_HIGH))
             return false;
         return sampleData(group);
     case TRIGGER_RISING:
-        if (!triggerSet(group)) {
+        if (state == 0) {
             group.edge = false;
             return false;
         }
@@ -273,7 +279,7 @@ bool HistoricalData::triggerSampleFun(HisDataCfg_t &group)
         group.edge = true;
         break;
     case TRIGGER_FALLING:
-        if (triggerSet(group)) {
+        if (state == 1) {
             group.edge = true;
             return false;
         }
@@ -317,8 +323,11 @@ QString HistoricalData::readPoint(const sampData_t &point)
 {
     uchar raw[kPointBytes] = {0};
     const AddressInfo &a = point.addr;
-    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, a.length, raw,
-                                               kPointBytes);
+    // A point that did not read is stored as an empty field, never as the
+    // zeros or the stale value behind it.
+    if (communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, a.length, raw, kPointBytes,
+                                                   communication::kindOf(point.dataType)) != 1)
+        return QString();
     return unitTool::value2str(raw, kPointBytes, point.dataType, point.decimalDigits);
 }
 

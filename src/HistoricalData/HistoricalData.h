@@ -127,7 +127,7 @@ private:
     void sampleGroup(HisDataCfg_t &group);
     // The period condition of cyclic and level groups; remembers the second.
     bool periodDue(HisDataCfg_t &group);
-    bool triggerSet(const HisDataCfg_t &group);
+    int triggerState(const HisDataCfg_t &group);
     QString readPoint(const sampData_t &point);
     // The upload texts of the oldest rows, one per group; remembers each
     // group's row count for its acknowledgement.

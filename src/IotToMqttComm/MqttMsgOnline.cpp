@@ -171,13 +171,18 @@ bool writeItem(const QJsonObject &item)
         return false;
     }
     const int words = cfg.dataType == VALUE_BIT ? 1 : (bytes.size() + 1) / 2;
+    QString why;
     const int rc = communication::getInstance()->setCommValue(
         cfg.addr.link, cfg.addr.reg, cfg.addr.index, cfg.addr.station, words,
-        reinterpret_cast<const uchar *>(bytes.constData()), bytes.size());
-    if (rc < 0)
-        zlog_error(g_zlog, "WriteData code:%d link:%s reg:%s no:%s write fail:%d", code,
-                   local8(cfg.addr.link).constData(), local8(cfg.addr.reg).constData(),
-                   local8(cfg.addr.addr).constData(), rc);
+        reinterpret_cast<const uchar *>(bytes.constData()), bytes.size(), communication::kindOf(cfg.dataType), &why);
+    // A write the device did not confirm must not come back as the point's
+    // new value.
+    if (rc < 0) {
+        zlog_warn(g_zlog, "WriteData code:%d link:%s reg:%s no:%s not written: %s", code,
+                  local8(cfg.addr.link).constData(), local8(cfg.addr.reg).constData(),
+                  local8(cfg.addr.addr).constData(), local8(why).constData());
+        return false;
+    }
     return true;
 }
 

@@ -44,31 +44,31 @@ int HmiToMacroInterface::getIndexFromAddr(int linkId, const QString &reg, const 
 }
 
 int HmiToMacroInterface::setCommValueNumber(const QString &link, const QString &reg, int index, int station, int len,
-                                            const uchar *data, int size)
+                                            const uchar *data, int size, int kind, QString *why)
 {
     if (index < 0)
         return -1;
-    return links()->setCommValue(link, reg, index, station, len, data, size);
+    return links()->setCommValue(link, reg, index, station, len, data, size, kind, why);
 }
 
 int HmiToMacroInterface::setCommValueNumber(int linkId, const QString &reg, int index, int station, int len,
-                                            const uchar *data, int size)
+                                            const uchar *data, int size, int kind, QString *why)
 {
-    return setCommValueNumber(linkName(linkId), reg, index, station, len, data, size);
+    return setCommValueNumber(linkName(linkId), reg, index, station, len, data, size, kind, why);
 }
 
 int HmiToMacroInterface::getCommValueNumber(const QString &link, const QString &reg, int index, int station, int len,
-                                            uchar *data, int size)
+                                            uchar *data, int size, int kind, int *quality)
 {
     if (index < 0)
         return -1;
-    return links()->getCommValue(link, reg, index, station, len, data, size);
+    return links()->getCommValue(link, reg, index, station, len, data, size, kind, quality);
 }
 
 int HmiToMacroInterface::getCommValueNumber(int linkId, const QString &reg, int index, int station, int len,
-                                            uchar *data, int size)
+                                            uchar *data, int size, int kind, int *quality)
 {
-    return getCommValueNumber(linkName(linkId), reg, index, station, len, data, size);
+    return getCommValueNumber(linkName(linkId), reg, index, station, len, data, size, kind, quality);
 }
 
 int HmiToMacroInterface::suspendComm(const QString &name)

@@ -25,17 +25,20 @@ public:
 
     // Value access. index is the link-local index from getIndexFromAddr (or
     // the cell number of a local register); len counts link units (cells or
-    // 16-bit words); size is the room in data in bytes. The link manager's
-    // status comes back (negative on failure).
+    // 16-bit words); size is the room in data in bytes; kind is a
+    // LUMBRA_KIND_*. The link manager's status comes back: reads 1 only for a
+    // value the device sent on its last read (else *quality says why), writes
+    // 1 only once the device confirmed them (else *why says why).
     int getIndexFromAddr(const QString &link, const QString &reg, const QString &addr, int station, int mode);
     int getIndexFromAddr(int linkId, const QString &reg, const QString &addr, int station, int mode);
     int setCommValueNumber(const QString &link, const QString &reg, int index, int station, int len,
-                           const uchar *data, int size);
+                           const uchar *data, int size, int kind = 0, QString *why = nullptr);
     int setCommValueNumber(int linkId, const QString &reg, int index, int station, int len, const uchar *data,
-                           int size);
+                           int size, int kind = 0, QString *why = nullptr);
     int getCommValueNumber(const QString &link, const QString &reg, int index, int station, int len, uchar *data,
-                           int size);
-    int getCommValueNumber(int linkId, const QString &reg, int index, int station, int len, uchar *data, int size);
+                           int size, int kind = 0, int *quality = nullptr);
+    int getCommValueNumber(int linkId, const QString &reg, int index, int station, int len, uchar *data, int size,
+                           int kind = 0, int *quality = nullptr);
     // The name of the link with this index; empty when there is none.
     static QString linkName(int linkId);
 

@@ -5,6 +5,7 @@
 #include "macrovalue.h"
 
 #include "generalFunc/globals.h"
+#include "lumbra/driver.h"
 
 namespace lumbra {
 
@@ -54,18 +55,62 @@ bool resolve(HmiToMacroInterface *hmi, Target &t, MacroType family)
     return t.index >= 0;
 }
 
-int write(HmiToMacroInterface *hmi, const Target &t, int units, const QByteArray &data)
+// The byte order the driver applies follows what the script says the value is.
+int kindOf(const QString &type)
 {
-    const uchar *bytes = reinterpret_cast<const uchar *>(data.constData());
-    return t.byIndex ? hmi->setCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size())
-                     : hmi->setCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size());
+    switch (macroTypeOf(type)) {
+    case MacroType::Bit: return LUMBRA_KIND_BIT;
+    case MacroType::Word: return LUMBRA_KIND_16BIT;
+    case MacroType::DWord: return LUMBRA_KIND_32BIT;
+    case MacroType::String: return LUMBRA_KIND_STRING;
+    default: return LUMBRA_KIND_RAW;
+    }
 }
 
-int read(HmiToMacroInterface *hmi, const Target &t, int units, QByteArray &data)
+int write(HmiToMacroInterface *hmi, const Target &t, const QString &type, int units, const QByteArray &data,
+          QString *why)
+{
+    const uchar *bytes = reinterpret_cast<const uchar *>(data.constData());
+    const int kind = kindOf(type);
+    return t.byIndex ? hmi->setCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size(), kind, why)
+                     : hmi->setCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size(), kind, why);
+}
+
+// 1 with a value the device sent on its last read; otherwise *why says what
+// stands in the way.
+int read(HmiToMacroInterface *hmi, const Target &t, const QString &type, int units, QByteArray &data, QString *why)
 {
     uchar *bytes = reinterpret_cast<uchar *>(data.data());
-    return t.byIndex ? hmi->getCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size())
-                     : hmi->getCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size());
+    const int kind = kindOf(type);
+    int quality = LUMBRA_QUALITY_NOT_READ;
+    const int rc =
+        t.byIndex ? hmi->getCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size(), kind, &quality)
+                  : hmi->getCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size(), kind, &quality);
+    if (rc == 1)
+        return 1;
+    switch (rc < 0 ? -1 : quality) {
+    case LUMBRA_QUALITY_NO_REPLY: *why = QStringLiteral("no reply"); break;
+    case LUMBRA_QUALITY_REFUSED: *why = QStringLiteral("refused by the device"); break;
+    case LUMBRA_QUALITY_NOT_READ: *why = QStringLiteral("not read yet"); break;
+    default: *why = QStringLiteral("no such address"); break;
+    }
+    return rc < 0 ? rc : 0;
+}
+
+int pushFalse(lua_State *L, const QString &why)
+{
+    lua_pushboolean(L, 0);
+    lua_pushstring(L, why.toUtf8().constData());
+    return 2;
+}
+
+// A read that has no value the device sent gives nil and the reason, never
+// a number the device did not send.
+int pushFailure(lua_State *L, const QString &why)
+{
+    lua_pushnil(L);
+    lua_pushstring(L, why.toUtf8().constData());
+    return 2;
 }
 
 // Room for n elements: a byte per bit cell, whole 16-bit words for the rest.
@@ -133,11 +178,9 @@ int pushTable(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QSt
 {
     const int n = qBound(1, static_cast<int>(lua_rawlen(L, 5)), maxElements(type));
     QByteArray data(bufferBytes(type, n), '\0');
-    const int status = read(hmi, t, macroUnits(type, n), data);
-    if (status < 0) {
-        lua_pushinteger(L, status);
-        return 1;
-    }
+    QString why;
+    if (read(hmi, t, type, macroUnits(type, n), data, &why) != 1)
+        return pushFailure(L, why);
     const int width = macroElementBytes(type);
     for (int i = 0; i < n; ++i) {
         double value = 0;
@@ -149,15 +192,18 @@ int pushTable(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QSt
     return 1;
 }
 
-int pushString(lua_State *L, HmiToMacroInterface *hmi, const Target &t, bool found)
+int pushString(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QString &type)
 {
     const int bytes = qBound(0, macroInt(L, 5), kMaxArrayBytes);
     const int units = (bytes + 1) / 2;
     QByteArray data(2 * units, '\0');
-    if (!found || units == 0 || read(hmi, t, units, data) < 0) {
+    if (units == 0) {
         lua_pushliteral(L, "");
         return 1;
     }
+    QString why;
+    if (read(hmi, t, type, units, data, &why) != 1)
+        return pushFailure(L, why);
     data.truncate(bytes);
     const int end = data.indexOf('\0');
     lua_pushlstring(L, data.constData(), end < 0 ? data.size() : end);
@@ -167,29 +213,37 @@ int pushString(lua_State *L, HmiToMacroInterface *hmi, const Target &t, bool fou
 int pushScalar(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QString &type)
 {
     QByteArray data(bufferBytes(type, 1), '\0');
-    const int status = read(hmi, t, macroUnits(type, 1), data);
-    double value = status;
-    if (status >= 0)
-        ArrayToValue(reinterpret_cast<const uchar *>(data.constData()), value, type);
+    QString why;
+    if (read(hmi, t, type, macroUnits(type, 1), data, &why) != 1)
+        return pushFailure(L, why);
+    double value = 0;
+    ArrayToValue(reinterpret_cast<const uchar *>(data.constData()), value, type);
     lua_pushnumber(L, value);
     return 1;
 }
 
 }  // namespace
 
+// true once the device confirmed the write; false and the reason otherwise.
 int l_HMIsetData(lua_State *L)
 {
     const QString type = typeArg(L, 7, "setdata");
     const MacroType family = macroTypeOf(type);
     HmiToMacroInterface *hmi = macroHmi();
     Target t = readTarget(L, 5);
-    if (family == MacroType::Unknown || !resolve(hmi, t, family))
-        return 0;
+    if (family == MacroType::Unknown)
+        return pushFalse(L, QStringLiteral("unknown data type"));
+    if (!resolve(hmi, t, family))
+        return pushFalse(L, QStringLiteral("no such address"));
     int units = 0;
     const QByteArray data = encodeValue(L, type, units);
-    if (units > 0)
-        write(hmi, t, units, data);
-    return 0;
+    if (units <= 0)
+        return pushFalse(L, QStringLiteral("nothing to write"));
+    QString why;
+    if (write(hmi, t, type, units, data, &why) < 0)
+        return pushFalse(L, why);
+    lua_pushboolean(L, 1);
+    return 1;
 }
 
 int l_HMIgetData(lua_State *L)
@@ -198,13 +252,12 @@ int l_HMIgetData(lua_State *L)
     const MacroType family = macroTypeOf(type);
     HmiToMacroInterface *hmi = macroHmi();
     Target t = readTarget(L, 4);
-    const bool found = family != MacroType::Unknown && resolve(hmi, t, family);
+    if (family == MacroType::Unknown)
+        return pushFailure(L, QStringLiteral("unknown data type"));
+    if (!resolve(hmi, t, family))
+        return pushFailure(L, QStringLiteral("no such address"));
     if (family == MacroType::String)
-        return pushString(L, hmi, t, found);
-    if (!found) {
-        lua_pushinteger(L, -1);
-        return 1;
-    }
+        return pushString(L, hmi, t, type);
     if (lua_type(L, 5) == LUA_TTABLE)
         return pushTable(L, hmi, t, type);
     return pushScalar(L, hmi, t, type);

@@ -38,16 +38,20 @@ QString timeText(const QDateTime &when)
     return when.toString("yyyy-MM-dd hh:mm:ss");
 }
 
+// A point that did not read keeps its last good value here, and its
+// quality placeholder tells the subscriber that it is not current.
 void fillValues(QString &text, const QList<int> &codes)
 {
     RealData *rd = RealData::getInstance();
     for (int code : codes) {
         QString value;
-        if (!rd->GetDataByCode(code, value)) {
+        bool good = false;
+        if (!rd->pointState(code, &value, &good)) {
             zlog_error(g_zlog, "not find rtd code :%d", code);
             continue;
         }
         lumbra::forward::fillPlaceholder(text, QString("value_%1").arg(code), value);
+        lumbra::forward::fillPlaceholder(text, QString("quality_%1").arg(code), good ? "good" : "bad");
     }
 }
 

@@ -165,7 +165,7 @@ QList<int> topicCodes(const MqttClient::topicData_t &topic)
         if (!listed.isEmpty())
             return listed;
     }
-    static const QRegularExpression placeholder("%value_(\\d+)%");
+    static const QRegularExpression placeholder("%(?:value|quality)_(\\d+)%");
     QList<int> found;
     auto it = placeholder.globalMatch(templateOf(topic));
     while (it.hasNext()) {

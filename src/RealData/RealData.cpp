@@ -139,19 +139,21 @@ void RealData::run()
 }
 
 // Called with m_mutex held.
-int RealData::readPoint(DataCfg_t &cfg, QByteArray &buffer)
+int RealData::readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size)
 {
-    // Room for the widest fixed type, zeroed: a point the link manager cannot
-    // answer reads as zero, as it always has.
-    const int size = qMax(2 * cfg.addr.length, 8);
-    buffer.fill('\0', size);
-    communication::getInstance()->getCommValue(cfg.addr.link, cfg.addr.reg, cfg.addr.index, cfg.addr.station,
-                                               cfg.addr.length, reinterpret_cast<uchar *>(buffer.data()), size);
-    return size;
+    // Room for the widest fixed type.
+    *size = qMax(2 * cfg.addr.length, 8);
+    buffer.fill('\0', *size);
+    return communication::getInstance()->getCommValue(cfg.addr.link, cfg.addr.reg, cfg.addr.index, cfg.addr.station,
+                                                      cfg.addr.length, reinterpret_cast<uchar *>(buffer.data()),
+                                                      *size, communication::kindOf(cfg.dataType));
 }
 
 // Written by hand rather than through a JSON document: with thousands of
 // points the document's allocations cost more than everything else in a pass.
+// A point without a good value is left out: the platform keeps showing the
+// last value the device really sent rather than a made-up one, and gets the
+// point again as soon as it reads.
 QString RealData::rtdMessage(bool changedOnly)
 {
     QByteArray items;
@@ -160,10 +162,14 @@ QString RealData::rtdMessage(bool changedOnly)
         QMutexLocker lock(&m_mutex);
         items.reserve(m_points.size() * 32);
         for (DataCfg_t &cfg : m_points) {
-            int size = readPoint(cfg, buffer);
+            int size = 0;
+            const bool wasGood = cfg.good;
+            cfg.good = readPoint(cfg, buffer, &size) == 1;
+            if (!cfg.good)
+                continue;
             const QString old = cfg.value;
             cfg.value = formatValue(cfg, reinterpret_cast<const uchar *>(buffer.constData()), size, old);
-            if (changedOnly && cfg.value == old)
+            if (changedOnly && wasGood && cfg.value == old)
                 continue;
             items.append(items.isEmpty() ? "{\"code\":" : ",{\"code\":");
             items.append(QByteArray::number(cfg.code));
@@ -195,9 +201,20 @@ bool RealData::GetDataByCode(const int &code, QString &out)
 {
     QMutexLocker lock(&m_mutex);
     auto it = m_points.constFind(code);
-    if (it == m_points.constEnd())
+    if (it == m_points.constEnd() || !it->good)
         return false;
     out = it->value;
+    return true;
+}
+
+bool RealData::pointState(int code, QString *value, bool *good)
+{
+    QMutexLocker lock(&m_mutex);
+    auto it = m_points.constFind(code);
+    if (it == m_points.constEnd())
+        return false;
+    *value = it->value;
+    *good = it->good;
     return true;
 }
 

@@ -19,7 +19,8 @@ class RealData : public QThread {
 public:
     struct DataCfg_t {
         int code = 0;
-        QString value;  // the last text sent or read
+        QString value;  // the last good value's text; empty before the first
+        bool good = false;  // value is what the device sent on its last read
         QString name;
         int dataType = 0;
         int displayType = 0;
@@ -51,7 +52,12 @@ public:
     // The read, format and serialise part of a pass: the message text, or
     // empty when there is nothing to send.
     QString rtdMessage(bool changedOnly);
+    // The point's text, only while it is good (what the device sent on its
+    // last read).
     bool GetDataByCode(const int &code, QString &out);
+    // The point's last good text (empty before the first) and whether the
+    // last read confirmed it; false for an unknown code.
+    bool pointState(int code, QString *value, bool *good);
     QMap<int, DataCfg_t> &codeDataMap() { return m_points; }
     bool DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &op);
     bool externalAddr();
@@ -85,7 +91,8 @@ private:
     RealData() = default;
     bool loadConfig(QJsonObject *root) const;
     void readSettings(const QJsonObject &root);
-    int readPoint(DataCfg_t &cfg, QByteArray &buffer);
+    // 1 with a good value in buffer, else 0 or -1 (getCommValue).
+    int readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size);
 
     QMutex m_mutex;
     std::atomic<bool> m_uploadFunState{false};

@@ -231,14 +231,14 @@ protected:
 TEST_P(HistoryUpload, BatchesPerGroupLeaveOnlyWhenAcknowledged)
 {
     slave->setHolding(0, 1234);
-    slave->setHolding(10, 'i' | 't' << 8);
-    slave->setHolding(11, '\'' | 's' << 8);  // and a zero word to end the text
+    slave->setHolding(10, 'i' << 8 | 't');
+    slave->setHolding(11, '\'' << 8 | 's');  // and a zero word to end the text
     start({group(5, 2, trigger(2, 1)),
            group(6, 1, R"("sample_interval":"0,0,50")",
                  {point(0), point(10, 7, R"("data_totalDigits":6,"data_devimalDigits":3,)")})},
           QString(R"("upload_func_state":true,"compressed":%1)").arg(GetParam() ? "true" : "false"));
     ASSERT_TRUE(agent->send(R"({"topic":"mqtt_status_Notification","status":true})"));
-    ASSERT_TRUE(deviceShows("4X", 11, '\'' | 's' << 8));
+    ASSERT_TRUE(deviceShows("4X", 11, '\'' << 8 | 's'));
     g_now = 100;
     ASSERT_TRUE(rowsReach(6, 1));
     g_now = 150;

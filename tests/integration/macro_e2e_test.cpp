@@ -28,6 +28,7 @@ TEST(MacroDevice, CyclicScriptReadsComputesAndWritesThroughTheSlave)
     // holding 11 at twice holding 10 plus one.
     const QString text = R"(
 local v = getdata("PLC1", "4X", 10, 1, 1, DATA_TYPE_WUB)
+if v == nil then return end
 if first == nil then first = v setdata("", "LW", 1, v, 0, nil, DATA_TYPE_WUB) end
 setdata("PLC1", "4X", 11, v * 2 + 1, 1, nil, DATA_TYPE_WUB))";
     const QJsonObject item{{"id", 1}, {"type", 2}, {"cycly_time", 500}, {"flag", 1}, {"text", text}};

@@ -191,9 +191,9 @@ TEST_F(OnlineSet, WrittenValuesReachTheDeviceAndAreReported)
         reported << v["code"].toString() + "=" + v["data"].toString();
     EXPECT_EQ(reported.join(' '), "1=3 2=65000 3=-0.29 4=100000 5=1234 6=5 7=Pump01X");
     // 32-bit values high word first (0x40000000 is 2.0f, the 5 unscaled),
-    // text in each register's low byte first.
+    // text high byte first.
     const QList<uint16_t> want{65000, uint16_t(-29), 0x0001, 0x86A0, 0x1234, 0x4000, 0,
-                               'P' | 'u' << 8, 'm' | 'p' << 8, '0' | '1' << 8, 77};
+                               'P' << 8 | 'u', 'm' << 8 | 'p', '0' << 8 | '1', 77};
     EXPECT_TRUE(eventually([&] {
         QList<uint16_t> got;
         for (int i = 0; i <= 10; ++i)

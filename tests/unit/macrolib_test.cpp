@@ -110,7 +110,12 @@ TEST_F(MacroLibTest, ArraysAndStringsTravelInOneWrite)
     run("setdata('any', 'LW', 120, 0, 0, 'abc', DATA_TYPE_STR_ASC)");
     EXPECT_EQ(text("getdata('any', 'LW', 120, 0, 8, DATA_TYPE_STR_ASC)"), "abc");
     EXPECT_EQ(text("getdata('any', 'LW', 120, 0, 2, DATA_TYPE_STR_ASC)"), "ab");
-    EXPECT_EQ(number("getdata('any', 'LW', 'x', 0, 1, DATA_TYPE_WB)"), -1);
+    // No value is never a number: nil and the reason.
+    EXPECT_EQ(text("select(2, getdata('any', 'LW', 'x', 0, 1, DATA_TYPE_WB))"), "no such address");
+    EXPECT_EQ(text("select(2, getdata('any', 'LW', 1, 0, 1, 'DATA_TYPE_QQ'))"), "unknown data type");
+    EXPECT_EQ(text("tostring(getdata('any', 'LW', 1, 0, 1, 'DATA_TYPE_QQ'))"), "nil");
+    EXPECT_EQ(text("tostring(setdata('any', 'LW', 130, 5, 0, nil, DATA_TYPE_WB))"), "true");
+    EXPECT_EQ(text("select(2, setdata('any', 'LW', 'x', 5, 0, nil, DATA_TYPE_WB))"), "no such address");
 }
 
 TEST_F(MacroLibTest, MalformedArgumentsNeverRaise)
@@ -145,7 +150,6 @@ TEST_F(MacroLibTest, HelpersGiveTheirCheckValues)
         {"checkMethod(digits, 9, 'modbus')", 0x4B37},
         {"checkMethod(digits, 9, 'crc16ccitt')", 0x29B1},
         {"checkMethod(digits, 9, 'md5')", -1},
-        {"getdata('any', 'LW', 1, 0, 1, 'DATA_TYPE_QQ')", -1},
         {"writedevice(0, '123', 3, 10, 'hex')", -1},
         {"initCommunication('serial,ttyO1')", -1},
     };
