@@ -1,7 +1,8 @@
 // lumbra-plcsim from the masters' side: the live values of its register map,
-// writes, several masters and unit ids on TCP, RTU through the pty link, and
-// the command line's refusals.
+// writes, several masters and unit ids on TCP, RTU through the pty link, the
+// device faults it plays on request, and the command line's refusals.
 #include "fdend.h"
+#include "fragmentproxy.h"
 #include "process.h"
 #include "testsupport.h"
 
@@ -73,6 +74,66 @@ int fromBcd(uint16_t v)
     return (v >> 12 & 0xF) * 1000 + (v >> 8 & 0xF) * 100 + (v >> 4 & 0xF) * 10 + (v & 0xF);
 }
 
+// A Modbus TCP request for count holding registers at addr.
+QByteArray mbapRead(int tid, int unit, int addr, int count)
+{
+    const char adu[] = {char(tid >> 8), char(tid), 0, 0, 0, 6, char(unit), 3, char(addr >> 8), char(addr),
+                        char(count >> 8), char(count)};
+    return QByteArray(adu, sizeof adu);
+}
+
+// body with its CRC-16 appended, low byte first: an RTU frame.
+QByteArray rtuFrame(const QByteArray &body)
+{
+    uint16_t crc = 0xFFFF;
+    for (char c : body) {
+        crc ^= static_cast<uint8_t>(c);
+        for (int i = 0; i < 8; ++i)
+            crc = (crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1;
+    }
+    return body + char(crc & 0xFF) + char(crc >> 8);
+}
+
+// 0 when the request by function code succeeded, else errno.
+int outcome(modbus_t *m, int function, int addr, int count)
+{
+    std::vector<uint16_t> w(static_cast<size_t>(count), 0x1111);
+    std::vector<uint8_t> b(static_cast<size_t>(count), 1);
+    int n = -1;
+    switch (function) {
+    case 1: n = modbus_read_bits(m, addr, count, b.data()); break;
+    case 2: n = modbus_read_input_bits(m, addr, count, b.data()); break;
+    case 3: n = modbus_read_registers(m, addr, count, w.data()); break;
+    case 4: n = modbus_read_input_registers(m, addr, count, w.data()); break;
+    case 6: n = modbus_write_register(m, addr, w[0]); break;
+    case 15: n = modbus_write_bits(m, addr, count, b.data()); break;
+    case 16: n = modbus_write_registers(m, addr, count, w.data()); break;
+    }
+    return n >= 0 ? 0 : errno;
+}
+
+const QStringList kFaultArgs = {"--holes", "50-59,70", "--exception", "4@7,10@300,11@301-302", "-v"};
+
+// What a master sees of kFaultArgs, on either transport.
+void expectFaults(modbus_t *m)
+{
+    const uint16_t before[] = {1, 2, 3, 4};
+    ASSERT_EQ(modbus_write_registers(m, 46, 4, before), 4);
+    const struct {
+        int function, addr, count, error;
+    } cases[] = {
+        {3, 40, 10, 0}, {3, 45, 10, EMBXILADD}, {3, 60, 10, 0}, {3, 70, 1, EMBXILADD}, {3, 71, 10, 0},
+        {4, 59, 1, EMBXILADD}, {1, 55, 1, EMBXILADD}, {2, 40, 10, 0}, {6, 50, 1, EMBXILADD},
+        {16, 48, 4, EMBXILADD}, {15, 58, 3, EMBXILADD}, {3, 0, 10, EMBXSFAIL}, {3, 300, 1, EMBXGPATH},
+        {16, 302, 1, EMBXGTAR},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(outcome(m, c.function, c.addr, c.count), c.error)
+            << "fc " << c.function << " addr " << c.addr << " count " << c.count;
+    // The refused write changed nothing, not even its addresses outside the hole.
+    EXPECT_EQ(words(m, 46, 4), (std::vector<uint16_t>{1, 2, 3, 4}));
+}
+
 // Seconds into the hour, which the periods of both waves divide.
 double wallSeconds()
 {
@@ -93,6 +154,13 @@ protected:
         ASSERT_TRUE(sim.waitForOutput(QString("plcsim: Modbus TCP on 127.0.0.1:%1, unit").arg(port), 5000))
             << sim.output().toStdString();
     }
+    QString link() const { return dir.path() + "/dev/ttyO1"; }
+    void startRtu(const QStringList &extra)
+    {
+        ASSERT_TRUE(sim.start(LUMBRA_PLCSIM_BINARY, QStringList{"--rtu", "--link", link()} + extra, dir.path()));
+        ASSERT_TRUE(sim.waitForOutput("plcsim: Modbus RTU on", 5000)) << sim.output().toStdString();
+    }
+    Master rtuMaster(int unit) { return connected(modbus_new_rtu(link().toLocal8Bit().constData(), 9600, 'N', 8, 1), unit); }
     int exitStatus(const QStringList &args)
     {
         sim.start(LUMBRA_PLCSIM_BINARY, args, dir.path());
@@ -126,9 +194,9 @@ TEST_F(PlcSim, LiveValuesFollowTheRegisterMap)
     EXPECT_EQ(fromBcd(r[10]), t.tm_wday);
 
     // BCD printed in hex reads as the decimal it stands for.
-    QByteArray text;
+    QByteArray text;  // high byte first, as devices store text
     for (int a = 11; a <= 18; ++a)
-        text.append(static_cast<char>(r[a] & 0xFF)).append(static_cast<char>(r[a] >> 8));
+        text.append(static_cast<char>(r[a] >> 8)).append(static_cast<char>(r[a] & 0xFF));
     EXPECT_EQ(text, QString::asprintf("PLCSIM %02x:%02x:%02x ", r[6], r[5], r[4]).toLatin1());
 
     EXPECT_TRUE(eventually([&] {
@@ -181,26 +249,34 @@ TEST_F(PlcSim, WritesStayAndShowInTheInputAreas)
     ASSERT_NO_FATAL_FAILURE(startTcp({"--rate", "50"}));
     Master m = tcpMaster(port, 1);
     ASSERT_TRUE(m);
-    const uint16_t block[] = {1, 2, 3};
+    std::vector<uint16_t> pattern;  // every free register a different value
+    for (int a = 21; a <= 99; ++a)
+        pattern.push_back(static_cast<uint16_t>(0xA500 + a));
     const uint8_t flags[] = {1, 0, 1};
-    ASSERT_EQ(modbus_write_register(m.get(), 30, 0xBEEF), 1);
-    ASSERT_EQ(modbus_write_registers(m.get(), 40, 3, block), 3);
+    ASSERT_EQ(modbus_write_registers(m.get(), 21, 79, pattern.data()), 79);
+    ASSERT_EQ(modbus_write_register(m.get(), 19, 0xBEEF), 1);
     ASSERT_EQ(modbus_write_bit(m.get(), 50, 1), 1);
     ASSERT_EQ(modbus_write_bits(m.get(), 60, 3, flags), 3);
     ASSERT_EQ(modbus_write_register(m.get(), 1, 30000), 1);  // the sine, out of its range
 
     for (bool input : {false, true}) {
-        EXPECT_EQ(words(m.get(), 30, 1, input), std::vector<uint16_t>{0xBEEF}) << input;
-        EXPECT_EQ(words(m.get(), 40, 3, input), (std::vector<uint16_t>{1, 2, 3})) << input;
+        EXPECT_EQ(words(m.get(), 19, 1, input), std::vector<uint16_t>{0xBEEF}) << input;
+        EXPECT_EQ(words(m.get(), 21, 79, input), pattern) << input;
         EXPECT_EQ(bits(m.get(), 50, 1, input), std::vector<uint8_t>{1}) << input;
         EXPECT_EQ(bits(m.get(), 60, 3, input), (std::vector<uint8_t>{1, 0, 1})) << input;
     }
-    // The next update takes the live register back but leaves the free ones.
+    // The next updates take the live register back but leave the free ones.
+    const std::vector<uint16_t> counter = words(m.get(), 0, 1);
+    ASSERT_EQ(counter.size(), 1u);
     EXPECT_TRUE(eventually([&] {
-        std::vector<uint16_t> sine = words(m.get(), 1, 1);
-        return !sine.empty() && static_cast<int16_t>(sine[0]) <= 1000;
+        std::vector<uint16_t> now = words(m.get(), 0, 1);
+        return !now.empty() && static_cast<uint16_t>(now[0] - counter[0]) >= 2;
     }, 2000));
-    EXPECT_EQ(words(m.get(), 30, 1), std::vector<uint16_t>{0xBEEF});
+    const std::vector<uint16_t> sine = words(m.get(), 1, 1);
+    ASSERT_EQ(sine.size(), 1u);
+    EXPECT_LE(static_cast<int16_t>(sine[0]), 1000);
+    EXPECT_EQ(words(m.get(), 19, 1), std::vector<uint16_t>{0xBEEF});
+    EXPECT_EQ(words(m.get(), 21, 79), pattern);
     EXPECT_EQ(bits(m.get(), 50, 1, true), std::vector<uint8_t>{1});
 }
 
@@ -223,16 +299,14 @@ TEST_F(PlcSim, AnswersSeveralMastersOnItsUnitOnly)
 
 TEST_F(PlcSim, RtuOnThePtyLinkWhichGoesAtExit)
 {
-    const QString link = dir.path() + "/dev/ttyO1";
     ASSERT_TRUE(QDir().mkpath(dir.path() + "/dev"));
-    ASSERT_TRUE(QFile::link("/nonexistent", link));  // a stale link from an earlier run
-    ASSERT_TRUE(sim.start(LUMBRA_PLCSIM_BINARY, {"--rtu", "--link", link, "--unit", "2", "--rate", "50"}, dir.path()));
-    ASSERT_TRUE(sim.waitForOutput(", unit 2, 10000 registers", 5000)) << sim.output().toStdString();
-    const QString device = QFileInfo(link).symLinkTarget();
+    ASSERT_TRUE(QFile::link("/nonexistent", link()));  // a stale link from an earlier run
+    ASSERT_NO_FATAL_FAILURE(startRtu({"--unit", "2", "--rate", "50"}));
+    const QString device = QFileInfo(link()).symLinkTarget();
     EXPECT_TRUE(device.startsWith("/dev/pts/")) << device.toStdString();
-    EXPECT_TRUE(sim.output().contains(QString("plcsim: Modbus RTU on %1 (link %2)").arg(device, link)));
+    EXPECT_TRUE(sim.output().contains(QString("plcsim: Modbus RTU on %1 (link %2), unit 2").arg(device, link())));
 
-    Master m = connected(modbus_new_rtu(link.toLocal8Bit().constData(), 9600, 'N', 8, 1), 2);
+    Master m = rtuMaster(2);
     ASSERT_TRUE(m);
     const std::vector<uint16_t> first = words(m.get(), 0, 1);
     ASSERT_EQ(first.size(), 1u);
@@ -250,7 +324,7 @@ TEST_F(PlcSim, RtuOnThePtyLinkWhichGoesAtExit)
 
     sim.stop();
     EXPECT_EQ(sim.exitCode(), 0);
-    EXPECT_FALSE(QFileInfo(link).isSymLink());
+    EXPECT_FALSE(QFileInfo(link()).isSymLink());
 }
 
 TEST_F(PlcSim, TakenPlacesStopTheStart)
@@ -278,18 +352,22 @@ TEST_F(PlcSim, BadCommandLinesGetTheUsage)
         {{"--unit", "-1"}, "'-1' is not a number"},
         {{"--rate", "10ms"}, "'10ms' is not a number"},
         {{"--unit", "0"}, "--unit: 0 is out of range"},
-        {{"--unit", "248"}, "--unit: 248"},
-        {{"--registers", "63"}, "--registers: 63"},
         {{"--registers=65537"}, "--registers: 65537"},
         {{"--rate", "9"}, "--rate: 9"},
-        {{"--rate", "60001"}, "--rate: 60001"},
-        {{"--alarm-period", "0"}, "--alarm-period: 0"},
         {{"--alarm-period", "3601"}, "--alarm-period: 3601"},
         {{"--tcp", "65536"}, "--tcp: 65536"},
         {{"--tcp", "plc.local:5020"}, "'plc.local'"},
         {{"--tcp", "5020", "--rtu"}, "exclude each other"},
-        {{"--rtu", "--tcp", "5020"}, "exclude each other"},
         {{"--link", "/tmp/ttyO1"}, "--link needs --rtu"},
+        {{"--holes", "7,,9"}, "--holes: '' is not a number"},
+        {{"--holes", "59-50"}, "--holes: 50 is out of range (59..65535)"},
+        {{"--holes", "65536"}, "--holes: 65536"},
+        {{"--exception", "5@7"}, "'5' is not an exception code"},
+        {{"--exception", "2@7,7"}, "'7' is not CODE@ADDR"},
+        {{"--exception", "4@x"}, "'x' is not a number"},
+        {{"--rtu", "--reply-unit", "0"}, "--reply-unit is for TCP only"},
+        {{"--noise", "4"}, "--noise needs --rtu"},
+        {{"--rtu", "--noise", "256"}, "--noise: 256"},
     };
     for (const auto &c : cases) {
         ChildProcess p;
@@ -311,4 +389,146 @@ TEST_F(PlcSim, OptionsAtTheirLimitsStart)
     const std::vector<uint16_t> counter = words(m.get(), 0, 1);
     ASSERT_EQ(counter.size(), 1u);
     EXPECT_EQ(words(m.get(), 65535, 1), std::vector<uint16_t>{static_cast<uint16_t>(65535 + counter[0])});
+}
+
+TEST_F(PlcSim, HolesAndExceptionsRefuseOverTcp)
+{
+    ASSERT_NO_FATAL_FAILURE(startTcp(kFaultArgs));
+    Master m = tcpMaster(port, 1);
+    ASSERT_TRUE(m);
+    expectFaults(m.get());
+    EXPECT_TRUE(sim.waitForOutput("unit 1 fc 3 addr 45 count 10 -> exception 2\n", 2000)) << sim.output().toStdString();
+}
+
+TEST_F(PlcSim, HolesAndExceptionsRefuseOverRtu)
+{
+    ASSERT_NO_FATAL_FAILURE(startRtu(kFaultArgs));
+    Master m = rtuMaster(1);
+    ASSERT_TRUE(m);
+    expectFaults(m.get());
+    // A broadcast into a hole is neither carried out nor answered: a stray
+    // exception on the line would be taken for the next request's reply.
+    modbus_set_slave(m.get(), 0);
+    modbus_set_response_timeout(m.get(), 0, 300000);
+    for (int addr : {50, 46}) {  // a hole, then a register that exists
+        // This libmodbus waits even for a broadcast's reply: only a time-out is right.
+        const int written = modbus_write_register(m.get(), addr, 9);
+        EXPECT_TRUE(written == 1 || errno == ETIMEDOUT) << addr << ": " << modbus_strerror(errno);
+    }
+    modbus_set_slave(m.get(), 1);
+    EXPECT_EQ(words(m.get(), 46, 1), std::vector<uint16_t>{9});
+}
+
+TEST_F(PlcSim, RepliesCarryTheConfiguredUnit)
+{
+    ASSERT_NO_FATAL_FAILURE(startTcp({"--unit", "3", "--reply-unit", "0", "--holes", "5"}));
+    FdEnd c = tcpConnect(port);
+    ASSERT_TRUE(c.ok());
+    for (int unit : {3, 255}) {
+        ASSERT_TRUE(c.write(mbapRead(0x1200 + unit, unit, 0, 2)));
+        const QByteArray reply = c.read(13, 1000);
+        ASSERT_EQ(reply.size(), 13) << unit;
+        EXPECT_EQ(reply.left(2), mbapRead(0x1200 + unit, 0, 0, 0).left(2));
+        EXPECT_EQ(reply.mid(6, 3), QByteArray::fromHex("000304")) << unit;
+    }
+    ASSERT_TRUE(c.write(mbapRead(7, 3, 5, 1)));
+    EXPECT_EQ(c.read(9, 1000), QByteArray::fromHex("000700000003008302"));
+    // Requests for other units still go unanswered.
+    ASSERT_TRUE(c.write(mbapRead(8, 9, 0, 2)));
+    EXPECT_TRUE(c.read(1, 300).isEmpty());
+}
+
+TEST_F(PlcSim, NoisePrecedesEveryRtuReply)
+{
+    ASSERT_NO_FATAL_FAILURE(startRtu({"--noise", "8"}));
+    FdEnd line(link());
+    ASSERT_TRUE(line.ok());
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(line.write(rtuFrame(QByteArray::fromHex("0103001E0001"))));
+        const QByteArray got = line.read(8 + 7, 1000);
+        ASSERT_EQ(got.size(), 15) << got.toHex().toStdString();
+        const QByteArray reply = got.mid(8);
+        EXPECT_EQ(reply.left(3), QByteArray::fromHex("010302"));
+        EXPECT_EQ(rtuFrame(reply.left(5)), reply) << "no valid frame after the noise";
+        EXPECT_TRUE(line.read(1, 100).isEmpty());
+    }
+}
+
+using Mode = FragmentProxy::Mode;
+
+TEST_F(PlcSim, ProxyCutsRepliesWhileMastersStillReadThem)
+{
+    ASSERT_NO_FATAL_FAILURE(startTcp({}));
+    FragmentProxy proxy(port);
+    ASSERT_TRUE(proxy.ok());
+    Master m = tcpMaster(proxy.port(), 1);
+    ASSERT_TRUE(m);
+    std::vector<uint16_t> pattern;
+    for (int i = 0; i < 10; ++i)
+        pattern.push_back(static_cast<uint16_t>(0x4100 + i));
+    ASSERT_EQ(modbus_write_registers(m.get(), 21, 10, pattern.data()), 10);
+    // One connection through every mode in turn; a reply of 10 registers is 29 bytes.
+    const struct {
+        Mode mode;
+        int splitAt;
+        uint64_t chunksPerReply;
+    } cases[] = {{Mode::Split, 5, 2}, {Mode::Split, 0, 2}, {Mode::Bytewise, 5, 29}, {Mode::Pass, 5, 1}};
+    for (const auto &c : cases) {
+        FragmentProxy::Shape shape;
+        shape.mode = c.mode;
+        shape.splitAt = c.splitAt;
+        proxy.setShape(shape);
+        const FragmentProxy::Counters before = proxy.counters();
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(words(m.get(), 21, 10), pattern) << int(c.mode);
+        EXPECT_TRUE(eventually([&] { return proxy.counters().toClientBytes - before.toClientBytes == 3 * 29; }, 1000));
+        const FragmentProxy::Counters after = proxy.counters();
+        EXPECT_EQ(after.toClientChunks - before.toClientChunks, 3 * c.chunksPerReply) << int(c.mode);
+        EXPECT_EQ(after.toDeviceBytes - before.toDeviceBytes, 3u * 12);
+        EXPECT_EQ(after.toDeviceChunks - before.toDeviceChunks, 3u);
+    }
+    EXPECT_EQ(proxy.counters().connections, 1);
+}
+
+TEST_F(PlcSim, ProxyGluesAHeldReplyBeforeTheNext)
+{
+    ASSERT_NO_FATAL_FAILURE(startTcp({}));
+    FragmentProxy proxy(port, Mode::StaleTail);
+    FragmentProxy::Shape shape;
+    shape.mode = Mode::StaleTail;
+    shape.staleEvery = 2;
+    proxy.setShape(shape);
+    FdEnd c = tcpConnect(proxy.port());
+    ASSERT_TRUE(proxy.ok() && c.ok());
+    ASSERT_TRUE(c.write(mbapRead(1, 1, 21, 1)));
+    EXPECT_EQ(c.read(11, 1000).left(2), QByteArray::fromHex("0001"));
+    ASSERT_TRUE(c.write(mbapRead(2, 1, 21, 1)));
+    EXPECT_TRUE(c.read(11, 300).isEmpty()) << "the second reply should be held";
+    const uint64_t chunks = proxy.counters().toClientChunks;
+    ASSERT_TRUE(c.write(mbapRead(3, 1, 21, 1)));
+    const QByteArray both = c.read(22, 1000);
+    ASSERT_EQ(both.size(), 22);
+    EXPECT_EQ(both.left(2), QByteArray::fromHex("0002"));
+    EXPECT_EQ(both.mid(11, 2), QByteArray::fromHex("0003"));
+    EXPECT_EQ(proxy.counters().toClientChunks, chunks + 1);
+}
+
+TEST_F(PlcSim, ProxyPlaysADeviceThatDiesWithoutClosing)
+{
+    ASSERT_NO_FATAL_FAILURE(startTcp({}));
+    FragmentProxy proxy(port, Mode::Pass, "::1");
+    ASSERT_TRUE(proxy.ok());
+    Master m = connected(modbus_new_tcp_pi("::1", QByteArray::number(proxy.port()).constData()), 1, 300);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(words(m.get(), 21, 1).size(), 1u);
+    proxy.setDeviceDead(true);
+    EXPECT_TRUE(words(m.get(), 21, 1).empty());
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(proxy.counters().swallowedBytes, 11u);
+    EXPECT_EQ(proxy.counters().open, 1);
+    proxy.setDeviceDead(false);
+    EXPECT_EQ(words(m.get(), 21, 1).size(), 1u);
+    // A test proxy never reaches beyond this machine.
+    EXPECT_FALSE(FragmentProxy(port, Mode::Pass, "127.0.0.1", "192.0.2.1").ok());
+    EXPECT_FALSE(FragmentProxy(port, Mode::Pass, "0.0.0.0").ok());
 }

@@ -46,7 +46,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "plcsim: no memory for %d registers\n", opts.registers);
         return 1;
     }
-    Responder responder(map, opts.unit, !opts.rtu, opts.verbose);
+    Responder responder(map, opts);
     std::unique_ptr<Transport> transport = openTransport(opts, responder);
     if (!transport)
         return 1;

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <arpa/inet.h>
+#include <modbus.h>
 
 #include <cstdlib>
 
@@ -8,7 +9,8 @@ namespace plcsim {
 
 const char kUsageLine[] =
     "usage: lumbra-plcsim [--tcp [ADDR:]PORT | --rtu] [--link PATH] [--baud N] [--unit ID]"
-    " [--registers N] [--rate MS] [--alarm-period S] [-v] [-h]";
+    " [--registers N] [--rate MS] [--alarm-period S] [--holes LIST] [--exception CODE@ADDR,...]"
+    " [--reply-unit N] [--noise N] [-v] [-h]";
 
 const char kHelpText[] =
     "A simulated PLC: a Modbus slave whose registers change over time.\n"
@@ -20,8 +22,18 @@ const char kHelpText[] =
     "  --registers N       size of each area, 64..65536 (default 10000)\n"
     "  --rate MS           update period of the live values, 10..60000 (default 1000)\n"
     "  --alarm-period S    the alarm toggles every S seconds, 1..3600 (default 10)\n"
+    "  --holes LIST        addresses that do not exist, e.g. 50-59,70: a request touching\n"
+    "                      one gets exception 2 (illegal data address), in every area\n"
+    "  --exception LIST    CODE@ADDR or CODE@FIRST-LAST pairs, e.g. 4@7,11@300-302: a request\n"
+    "                      touching ADDR gets exception CODE (1-4, 10, 11)\n"
+    "  --reply-unit N      TCP: every reply carries unit id N (0..255), as some devices do\n"
+    "  --noise N           RTU: N random bytes (0..255) on the line before every reply\n"
     "  -v                  log every request\n"
-    "  -h                  this help\n";
+    "  -h                  this help\n"
+    "Holding registers: 0 counter, 1 sine, 2-3 float temperature (high word first),\n"
+    "4-10 BCD clock, 11-18 clock text (high byte first), 20 alarm word,\n"
+    "21-99 free for masters (never changed), 100.. bulk values; coil 0 the alarm.\n"
+    "Input registers and discrete inputs mirror holding registers and coils.\n";
 
 namespace {
 
@@ -38,7 +50,13 @@ const NumberOption kNumbers[] = {
     {"--registers", &Options::registers, 64, 65536},
     {"--rate", &Options::rateMs, 10, 60000},
     {"--alarm-period", &Options::alarmPeriodS, 1, 3600},
+    {"--reply-unit", &Options::replyUnit, 0, 255},
+    {"--noise", &Options::noise, 0, 255},
 };
+
+const char *const kTextOptions[] = {"--tcp", "--link", "--holes", "--exception"};
+
+}  // namespace
 
 // Digits only: a sign, blanks or a suffix are a mistake, not a number.
 bool parseInt(const std::string &text, int min, int max, int &out, std::string &problem)
@@ -55,6 +73,8 @@ bool parseInt(const std::string &text, int min, int max, int &out, std::string &
     out = static_cast<int>(v);
     return true;
 }
+
+namespace {
 
 bool parseEndpoint(const std::string &text, Options &out, std::string &problem)
 {
@@ -83,6 +103,10 @@ bool applyValue(const std::string &name, const std::string &value, Options &out,
         problem = "needs a path";
         return !value.empty();
     }
+    if (name == "--holes")
+        return out.faults.add(value, MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS, problem);
+    if (name == "--exception")
+        return out.faults.addCoded(value, problem);
     for (const NumberOption &n : kNumbers)
         if (name == n.name)
             return parseInt(value, n.min, n.max, out.*(n.field), problem);
@@ -91,8 +115,9 @@ bool applyValue(const std::string &name, const std::string &value, Options &out,
 
 bool takesValue(const std::string &name)
 {
-    if (name == "--tcp" || name == "--link")
-        return true;
+    for (const char *t : kTextOptions)
+        if (name == t)
+            return true;
     for (const NumberOption &n : kNumbers)
         if (name == n.name)
             return true;
@@ -137,8 +162,13 @@ ParseResult parseOptions(int argc, char **argv, Options &out, std::string &probl
         problem = "--tcp and --rtu exclude each other";
         return ParseResult::Bad;
     }
-    if (!out.link.empty() && !out.rtu) {
-        problem = "--link needs --rtu";
+    const char *rtuOnly = !out.link.empty() ? "--link" : out.noise > 0 ? "--noise" : nullptr;
+    if (rtuOnly && !out.rtu) {
+        problem = std::string(rtuOnly) + " needs --rtu";
+        return ParseResult::Bad;
+    }
+    if (out.replyUnit >= 0 && out.rtu) {
+        problem = "--reply-unit is for TCP only (an RTU master drops replies from another station)";
         return ParseResult::Bad;
     }
     return ParseResult::Run;

@@ -1,6 +1,8 @@
 // The simulator's command line.
 #pragma once
 
+#include "faults.h"
+
 #include <string>
 
 namespace plcsim {
@@ -16,12 +18,18 @@ struct Options {
     int rateMs = 1000;
     int alarmPeriodS = 10;
     bool verbose = false;
+    FaultMap faults;
+    int replyUnit = -1;  // TCP: the unit id every reply carries; -1 = the request's
+    int noise = 0;       // RTU: garbage bytes sent ahead of every reply
 };
 
 enum class ParseResult { Run, Help, Bad };
 
 // Fills out from argv; on Bad, problem names what is wrong in one line.
 ParseResult parseOptions(int argc, char **argv, Options &out, std::string &problem);
+
+// Digits only, within min..max; false with problem set otherwise.
+bool parseInt(const std::string &text, int min, int max, int &out, std::string &problem);
 
 extern const char kUsageLine[];
 extern const char kHelpText[];

@@ -87,13 +87,13 @@ void PlcMap::writeClock(const std::tm &t)
     const int fields[] = {t.tm_sec, t.tm_min, t.tm_hour, t.tm_mday, t.tm_mon + 1, t.tm_year + 1900, t.tm_wday};
     for (int i = 0; i < 7; ++i)
         setWord(kClock + i, bcd(fields[i]));
-    // The gateway reads word strings low byte first, so that is how they sit.
+    // High byte first, the way Modbus devices store text.
     const std::string text =
         "PLCSIM " + twoDigits(t.tm_hour) + ":" + twoDigits(t.tm_min) + ":" + twoDigits(t.tm_sec) + " ";
     for (int i = 0; i < kTextChars / 2; ++i) {
-        const auto lo = static_cast<uint8_t>(text[2 * i]);
-        const auto hi = static_cast<uint8_t>(text[2 * i + 1]);
-        setWord(kText + i, static_cast<uint16_t>(lo | hi << 8));
+        const auto hi = static_cast<uint8_t>(text[2 * i]);
+        const auto lo = static_cast<uint8_t>(text[2 * i + 1]);
+        setWord(kText + i, static_cast<uint16_t>(hi << 8 | lo));
     }
 }
 
