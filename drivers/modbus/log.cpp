@@ -16,9 +16,9 @@ constexpr int kLineSize = 320;
 
 }  // namespace
 
-uint64_t faultKey(Fault fault, int station, Area area, int start)
+uint64_t faultKey(Fault fault, int station, Area area, int start, int detail)
 {
-    return (static_cast<uint64_t>(fault) << 40) | (static_cast<uint64_t>(station & 0xFF) << 24) |
+    return (static_cast<uint64_t>(fault) << 40) | (static_cast<uint64_t>(detail & 0xFF) << 32) | (static_cast<uint64_t>(station & 0xFF) << 24) |
            (static_cast<uint64_t>(area) << 16) | static_cast<uint64_t>(start & 0xFFFF);
 }
 

@@ -31,8 +31,9 @@ enum class Fault : uint8_t {
     Split,
 };
 
-// One key per fault kind, and per block where the block matters.
-uint64_t faultKey(Fault fault, int station = 0, Area area = Area::Coils, int start = 0);
+// One key per fault kind, and per block (and detail, such as an exception
+// code) where they matter.
+uint64_t faultKey(Fault fault, int station = 0, Area area = Area::Coils, int start = 0, int detail = 0);
 
 class Log {
 public:

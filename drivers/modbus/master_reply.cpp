@@ -52,7 +52,8 @@ int Master::onReply(const uint8_t *data, int len, char *text, int textSize)
         onException(pdu[1]);
         return LUMBRA_RESULT_GOOD;
     default:
-        m_log.limited(faultKey(Fault::BadReply, m_ex.station, m_ex.area, m_ex.start), LUMBRA_LOG_WARN,
+        m_log.limited(faultKey(Fault::BadReply, m_ex.station, m_ex.area, m_ex.start, static_cast<int>(r)),
+                      LUMBRA_LOG_WARN,
                       "station %d %s %d-%d: bad reply (%s)", m_ex.station, areaName(m_ex.area), firstNumber(),
                       lastNumber(), replyFault(r));
         return fail(replyFault(r));
@@ -145,7 +146,7 @@ void Master::onException(int code)
         return;
     }
     m_cache.mark(m_ex.station, m_ex.area, m_ex.start, m_ex.count, LUMBRA_QUALITY_REFUSED);
-    m_log.limited(faultKey(Fault::Exception, m_ex.station, m_ex.area, m_ex.start), LUMBRA_LOG_WARN,
+    m_log.limited(faultKey(Fault::Exception, m_ex.station, m_ex.area, m_ex.start, code), LUMBRA_LOG_WARN,
                   "station %d %s %d-%d: %s", m_ex.station, areaName(m_ex.area), firstNumber(), lastNumber(), reason);
     Exchange refused = m_ex;
     m_ex = Exchange();
