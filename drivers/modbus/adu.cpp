@@ -130,20 +130,25 @@ int wrapRequest(Framing framing, int station, const Pdu &pdu, uint16_t transacti
                                    : wrapRtu(station, pdu, out, capacity);
 }
 
+// Garbage is counted by the run, once a header after it is recognised, so a
+// run that arrives in pieces is reported whole, once.
 Scan scanTcp(const uint8_t *data, int len, uint16_t transaction, int from)
 {
     Scan s;
-    int pos = 0;
+    int pos = 0, run = -1;
     while (data && pos < len) {
         int rem = len - pos;
         int size = mbapFrameSize(data + pos, rem);
         if (size < 0) {
-            s.garbage += pos >= from;
+            run = run < 0 ? pos : run;
             ++pos;
             continue;
         }
         if (size == 0)
             break;
+        if (run >= 0)
+            s.garbage += std::max(0, pos - std::max(run, from));
+        run = -1;
         bool ours = get16(data + pos) == transaction;
         if (size > rem) {
             if (ours)
@@ -160,11 +165,11 @@ Scan scanTcp(const uint8_t *data, int len, uint16_t transaction, int from)
         s.foreign += pos >= from;
         pos += size;
     }
-    s.scanned = pos;
+    s.scanned = run >= 0 ? run : pos;
     return s;
 }
 
-Scan scanRtu(const uint8_t *data, int len, int station, const Pdu &request, int from)
+Scan scanRtu(const uint8_t *data, int len, int station, const Pdu &request)
 {
     Scan s;
     for (int pos = 0; data && pos < len; ++pos) {
@@ -175,11 +180,10 @@ Scan scanRtu(const uint8_t *data, int len, int station, const Pdu &request, int 
         s.unit = station;
         s.pdu = pos + 1;
         s.pduLen = size - 3;
-        s.garbage = std::max(0, pos - from);
+        s.garbage = pos;
         s.scanned = pos + size;
         return s;
     }
-    s.scanned = len;
     return s;
 }
 

@@ -14,9 +14,9 @@ enum class Framing : uint8_t { Rtu, Tcp };
 // Bytes written to `out`, or 0 when the frame does not fit.
 int wrapRequest(Framing framing, int station, const Pdu &pdu, uint16_t transaction, uint8_t *out, int capacity);
 
-// What a scan of the receive buffer found. Counts only cover bytes at or
-// past `from`, so that a buffer handed again with more at its end reports
-// each fault once.
+// What a scan of the receive buffer found. TCP counts only cover bytes at
+// or past `from`, so that a buffer handed again with more at its end reports
+// each fault once; RTU reports only once it found the reply.
 struct Scan {
     bool found = false;
     int pdu = 0;         // offset of the reply's PDU
@@ -35,7 +35,7 @@ Scan scanTcp(const uint8_t *data, int len, uint16_t transaction, int from);
 // RTU: the first frame that starts with the station and the request's
 // function (or its exception), has the length the request implies and a
 // valid CRC. Everything before it is noise.
-Scan scanRtu(const uint8_t *data, int len, int station, const Pdu &request, int from);
+Scan scanRtu(const uint8_t *data, int len, int station, const Pdu &request);
 
 uint16_t crc16(const uint8_t *data, int len);
 

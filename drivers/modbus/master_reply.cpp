@@ -64,7 +64,7 @@ Scan Master::scan(const uint8_t *data, int len) const
 {
     if (m_framing == Framing::Tcp)
         return scanTcp(data, len, m_ex.transaction, m_ex.scanned);
-    return scanRtu(data, len, m_ex.station, m_ex.pdu, m_ex.scanned);
+    return scanRtu(data, len, m_ex.station, m_ex.pdu);
 }
 
 void Master::noteScan(const Scan &s)
