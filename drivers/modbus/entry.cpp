@@ -63,12 +63,14 @@ LUMBRA_EXPORT int intf_dealRcvFrame(const unsigned char *data, int len, char *te
 
 LUMBRA_EXPORT int intf_getData(int station, const char *reg, int addr, int count, unsigned char *data, int len)
 {
-    return guarded(-1, [&] { return g_master.getValue(station, reg, addr, count, LUMBRA_KIND_RAW, data, len, nullptr); });
+    return guarded(-1,
+                   [&] { return g_master.getValue(station, reg, addr, count, LUMBRA_KIND_RAW, data, len, nullptr); });
 }
 
 LUMBRA_EXPORT int intf_setData(int station, const char *reg, int addr, int count, const unsigned char *data, int len)
 {
-    return guarded(-1, [&] { return g_master.setValue(station, reg, addr, count, LUMBRA_KIND_RAW, data, len, nullptr); });
+    return guarded(-1,
+                   [&] { return g_master.setValue(station, reg, addr, count, LUMBRA_KIND_RAW, data, len, nullptr); });
 }
 
 LUMBRA_EXPORT int intf_getValue(int station, const char *reg, int addr, int count, int kind, unsigned char *data,

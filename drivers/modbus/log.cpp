@@ -18,7 +18,8 @@ constexpr int kLineSize = 320;
 
 uint64_t faultKey(Fault fault, int station, Area area, int start, int detail)
 {
-    return (static_cast<uint64_t>(fault) << 40) | (static_cast<uint64_t>(detail & 0xFF) << 32) | (static_cast<uint64_t>(station & 0xFF) << 24) |
+    return (static_cast<uint64_t>(fault) << 40) | (static_cast<uint64_t>(detail & 0xFF) << 32) |
+           (static_cast<uint64_t>(station & 0xFF) << 24) |
            (static_cast<uint64_t>(area) << 16) | static_cast<uint64_t>(start & 0xFFFF);
 }
 

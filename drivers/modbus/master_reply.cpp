@@ -85,14 +85,16 @@ int Master::noReply()
     m_ex.awaiting = false;
     if (m_ex.received == 0)
         return fail("no reply");
-    if (m_ex.announced > 0)
-        m_log.limited(faultKey(Fault::Truncated, m_ex.station), LUMBRA_LOG_WARN,
-                      "station %d: truncated reply, its header announced %d bytes, %d arrived", m_ex.station,
-                      m_ex.announced, m_ex.received);
+    const uint64_t key = faultKey(Fault::Truncated, m_ex.station);
+    if (m_framing == Framing::Rtu)
+        m_log.limited(key, LUMBRA_LOG_WARN, "station %d: no valid reply in %d bytes", m_ex.station, m_ex.received);
+    else if (m_ex.announced > 0)
+        m_log.limited(key, LUMBRA_LOG_WARN, "station %d: truncated reply, its header announced %d bytes, %d arrived",
+                      m_ex.station, m_ex.announced, m_ex.received);
     else
-        m_log.limited(faultKey(Fault::Truncated, m_ex.station), LUMBRA_LOG_WARN,
-                      "station %d: no whole reply in %d bytes", m_ex.station, m_ex.received);
-    return fail("truncated reply");
+        m_log.limited(key, LUMBRA_LOG_WARN, "station %d: truncated reply, no whole frame in %d bytes", m_ex.station,
+                      m_ex.received);
+    return fail(m_framing == Framing::Rtu ? "no valid reply" : "truncated reply");
 }
 
 int Master::fail(const char *reason)
