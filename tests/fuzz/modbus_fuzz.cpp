@@ -12,7 +12,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 using namespace lumbra::modbus;
@@ -34,22 +33,12 @@ void changed(int, int, const char *reg, int)
     (void)n;
 }
 
-KEY_ADDRESS key(const char *reg, const char *addr, int len, int station)
-{
-    KEY_ADDRESS k{};
-    std::snprintf(k.reg, sizeof k.reg, "%s", reg);
-    std::snprintf(k.addr, sizeof k.addr, "%s", addr);
-    k.station = station;
-    k.index = -1;
-    k.len = len;
-    return k;
-}
-
 // Station 1 comes first: one holding block across two gaps (4X 0-12), so
 // that an exception 2 in the first reply splits it.
+// (register, address, station, index, length in words)
 const KEY_ADDRESS kKeys[] = {
-    key("4X", "0", 4, 1), key("4X", "6", 3, 1), key("4X", "12.3", 1, 1),
-    key("0X", "0", 20, 2), key("1X", "3", 1, 2), key("3X", "5", 2, 2),
+    {"4X", "0", 1, -1, 4, 0, ""},  {"4X", "6", 1, -1, 3, 0, ""},  {"4X", "12.3", 1, -1, 1, 0, ""},
+    {"0X", "0", 2, -1, 20, 0, ""}, {"1X", "3", 2, -1, 1, 0, ""},  {"3X", "5", 2, -1, 2, 0, ""},
 };
 
 void setUp(Master &m, uint8_t flags)
