@@ -73,7 +73,7 @@ private:
     void startRead(const Block &b, int index);
     void startWrite();
     Pdu writePdu(const WriteOp &op) const;
-    bool broadcast() const { return m_framing == Framing::Rtu && m_ex.station == 0; }
+    bool broadcast() const { return m_framing == Framing::Rtu && m_ex.station == 0 && m_ex.step == Step::Write; }
     bool writeInFlight() const { return m_ex.active && m_ex.step != Step::Read; }
     void dropOutstanding();
     // master_reply.cpp

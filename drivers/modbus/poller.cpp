@@ -46,7 +46,7 @@ const Block *Poller::find(int station, Area area, int start) const
 
 void Poller::seek(const Block *b)
 {
-    if (b >= m_blocks.data() && b < m_blocks.data() + m_blocks.size())
+    if (b && b >= m_blocks.data() && b < m_blocks.data() + m_blocks.size())
         m_cursor = static_cast<size_t>(b - m_blocks.data());
 }
 
