@@ -27,6 +27,12 @@ bool parseDecimal(const char *begin, const char *end, int max, int *out)
 
 }  // namespace
 
+const char *areaName(Area area)
+{
+    static const char *const names[kAreaCount] = {"0X", "1X", "3X", "4X"};
+    return names[static_cast<int>(area)];
+}
+
 bool parseArea(const char *reg, Area *area)
 {
     if (!reg || std::strlen(reg) != 2 || std::toupper(static_cast<unsigned char>(reg[1])) != 'X')
@@ -40,7 +46,7 @@ bool parseArea(const char *reg, Area *area)
     }
 }
 
-AddressCheck parseAddress(Area area, const char *text, Target *out)
+AddressCheck parseAddress(Area area, const char *text, const AddressFormat &format, Target *out)
 {
     if (!text)
         return AddressCheck::Invalid;
@@ -48,8 +54,13 @@ AddressCheck parseAddress(Area area, const char *text, Target *out)
     const char *dot = std::strchr(text, '.');
     Target t;
     t.area = area;
-    if (!parseDecimal(text, dot ? dot : end, kAddressSpace - 1, &t.address))
+    int number = 0;
+    if (!parseDecimal(text, dot ? dot : end, format.number(kAddressSpace - 1), &number))
         return AddressCheck::Invalid;
+    // A number below the base or between two registers names nothing.
+    if (number < format.base || (number - format.base) % format.step != 0)
+        return AddressCheck::Invalid;
+    t.address = (number - format.base) / format.step;
     if (dot && isBitArea(area))
         return AddressCheck::RetryPlain;
     if (dot && !parseDecimal(dot + 1, end, 15, &t.bit))

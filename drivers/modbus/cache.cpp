@@ -18,16 +18,25 @@ bool inRange(int station, int start, int count)
 
 const Cache::Page *Cache::page(int station, Area area, int address) const
 {
-    const auto &space = m_spaces[spaceIndex(station, area)];
-    return space ? space->pages[address / kPageCells].get() : nullptr;
+    const auto &space = m_spaces[static_cast<size_t>(spaceIndex(station, area))];
+    return space ? space->pages[static_cast<size_t>(address / kPageCells)].get() : nullptr;
+}
+
+Cache::Page &Cache::ensurePage(int station, Area area, int address)
+{
+    auto &space = m_spaces[static_cast<size_t>(spaceIndex(station, area))];
+    if (!space)
+        space = std::make_unique<Space>();
+    auto &p = space->pages[static_cast<size_t>(address / kPageCells)];
+    if (!p)
+        p = std::make_unique<Page>();
+    return *p;
 }
 
 bool Cache::known(int station, Area area, int address) const
 {
-    if (!inRange(station, address, 1))
-        return false;
     const Page *p = page(station, area, address);
-    return p && p->known.test(address % kPageCells);
+    return p && p->known.test(static_cast<size_t>(address % kPageCells));
 }
 
 bool Cache::load(int station, Area area, int start, int count, uint16_t *cells) const
@@ -38,7 +47,7 @@ bool Cache::load(int station, Area area, int start, int count, uint16_t *cells) 
         if (!known(station, area, start + i))
             return false;
     for (int i = 0; i < count; ++i)
-        cells[i] = page(station, area, start + i)->value[(start + i) % kPageCells];
+        cells[i] = page(station, area, start + i)->value[static_cast<size_t>((start + i) % kPageCells)];
     return true;
 }
 
@@ -46,17 +55,36 @@ void Cache::store(int station, Area area, int start, int count, const uint16_t *
 {
     if (!inRange(station, start, count))
         return;
-    auto &space = m_spaces[spaceIndex(station, area)];
-    if (!space)
-        space = std::make_unique<Space>();
     for (int i = 0; i < count; ++i) {
         int a = start + i;
-        auto &p = space->pages[a / kPageCells];
-        if (!p)
-            p = std::make_unique<Page>();
-        p->value[a % kPageCells] = cells[i];
-        p->known.set(a % kPageCells);
+        Page &p = ensurePage(station, area, a);
+        size_t at = static_cast<size_t>(a % kPageCells);
+        p.value[at] = cells[i];
+        p.quality[at] = LUMBRA_QUALITY_GOOD;
+        p.known.set(at);
     }
+}
+
+void Cache::mark(int station, Area area, int start, int count, int quality)
+{
+    if (!inRange(station, start, count))
+        return;
+    for (int i = 0; i < count; ++i)
+        ensurePage(station, area, start + i).quality[static_cast<size_t>((start + i) % kPageCells)] =
+            static_cast<uint8_t>(quality);
+}
+
+int Cache::quality(int station, Area area, int start, int count) const
+{
+    if (!inRange(station, start, count))
+        return LUMBRA_QUALITY_NOT_READ;
+    for (int i = 0; i < count; ++i) {
+        const Page *p = page(station, area, start + i);
+        int q = p ? p->quality[static_cast<size_t>((start + i) % kPageCells)] : LUMBRA_QUALITY_NOT_READ;
+        if (q != LUMBRA_QUALITY_GOOD)
+            return q;
+    }
+    return LUMBRA_QUALITY_GOOD;
 }
 
 }  // namespace lumbra::modbus

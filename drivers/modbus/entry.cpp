@@ -9,7 +9,11 @@
 
 namespace {
 
-lumbra::modbus::Master g_master;
+#if defined(LUMBRA_MODBUS_FRAMING_TCP)
+lumbra::modbus::Master g_master(lumbra::modbus::Framing::Tcp);
+#else
+lumbra::modbus::Master g_master(lumbra::modbus::Framing::Rtu);
+#endif
 
 // Nothing may unwind into the gateway's C frames; the only thing that can
 // throw in here is an allocation.
@@ -29,7 +33,7 @@ extern "C" {
 
 LUMBRA_EXPORT int intf_initProperty(unsigned char *info, unsigned char *, unsigned char *, int *info_size, char *, void *)
 {
-    return g_master.initProperty(info, info_size);
+    return guarded(-1, [&] { return g_master.initProperty(info, info_size); });
 }
 
 LUMBRA_EXPORT int intf_SetDriverPropertyPage(const char *property)
@@ -59,17 +63,52 @@ LUMBRA_EXPORT int intf_dealRcvFrame(const unsigned char *data, int len, char *te
 
 LUMBRA_EXPORT int intf_getData(int station, const char *reg, int addr, int count, unsigned char *data, int len)
 {
-    return guarded(-1, [&] { return g_master.getData(station, reg, addr, count, data, len); });
+    return guarded(-1,
+                   [&] { return g_master.getValue(station, reg, addr, count, LUMBRA_KIND_RAW, data, len, nullptr); });
 }
 
 LUMBRA_EXPORT int intf_setData(int station, const char *reg, int addr, int count, const unsigned char *data, int len)
 {
-    return guarded(-1, [&] { return g_master.setData(station, reg, addr, count, data, len); });
+    return guarded(-1,
+                   [&] { return g_master.setValue(station, reg, addr, count, LUMBRA_KIND_RAW, data, len, nullptr); });
+}
+
+LUMBRA_EXPORT int intf_getValue(int station, const char *reg, int addr, int count, int kind, unsigned char *data,
+                                int len, int *quality)
+{
+    return guarded(-1, [&] { return g_master.getValue(station, reg, addr, count, kind, data, len, quality); });
+}
+
+LUMBRA_EXPORT int intf_setValue(int station, const char *reg, int addr, int count, int kind,
+                                const unsigned char *data, int len, int *ticket)
+{
+    return guarded(-1, [&] { return g_master.setValue(station, reg, addr, count, kind, data, len, ticket); });
+}
+
+LUMBRA_EXPORT int intf_writeState(int ticket, char *text, int text_size)
+{
+    return g_master.writeState(ticket, text, text_size);
+}
+
+LUMBRA_EXPORT void intf_cancelWrite(int ticket)
+{
+    guarded(0, [&] {
+        g_master.cancelWrite(ticket);
+        return 0;
+    });
 }
 
 LUMBRA_EXPORT void intf_setAddrValueChangeCallBack(lumbra_value_changed_cb cb)
 {
     g_master.setCallback(cb);
+}
+
+LUMBRA_EXPORT void intf_setLogCallBack(lumbra_log_cb cb)
+{
+    guarded(0, [&] {
+        g_master.setLogSink(cb);
+        return 0;
+    });
 }
 
 LUMBRA_EXPORT void inft_setDisconnect(void)

@@ -18,12 +18,15 @@ enum Function : uint8_t {
     kMaskWriteRegister = 22,
 };
 
-constexpr uint8_t kExceptionFlag = 0x80;
-
-void push16(Bytes &b, int v)
+void push8(Pdu &p, int v)
 {
-    b.push_back(static_cast<uint8_t>(v >> 8));
-    b.push_back(static_cast<uint8_t>(v));
+    p.b[static_cast<size_t>(p.len++)] = static_cast<uint8_t>(v);
+}
+
+void push16(Pdu &p, int v)
+{
+    push8(p, v >> 8);
+    push8(p, v);
 }
 
 int get16(const uint8_t *p)
@@ -47,91 +50,131 @@ bool readsBits(uint8_t fc)
     return fc == kReadCoils || fc == kReadDiscreteInputs;
 }
 
-Bytes header(uint8_t fc, int address)
+Pdu header(uint8_t fc, int address)
 {
-    Bytes b{fc};
-    push16(b, address);
-    return b;
+    Pdu p;
+    push8(p, fc);
+    push16(p, address);
+    return p;
 }
 
-Bytes writeCells(uint8_t fc, int start, const uint16_t *cells, int count, bool bits)
+Pdu writeCells(uint8_t fc, int start, const uint16_t *cells, int count, bool bits)
 {
-    Bytes b = header(fc, start);
-    push16(b, count);
-    b.push_back(static_cast<uint8_t>(bits ? (count + 7) / 8 : count * 2));
+    Pdu p = header(fc, start);
+    push16(p, count);
+    int bytes = bits ? (count + 7) / 8 : count * 2;
+    push8(p, bytes);
     if (bits) {
-        size_t first = b.size();
-        b.resize(first + (count + 7) / 8, 0);
+        uint8_t *first = p.b.data() + p.len;
+        std::memset(first, 0, static_cast<size_t>(bytes));
         for (int i = 0; i < count; ++i)
             if (cells[i])
-                b[first + i / 8] |= static_cast<uint8_t>(1 << (i % 8));
+                first[i / 8] |= static_cast<uint8_t>(1 << (i % 8));
+        p.len += bytes;
     } else {
         for (int i = 0; i < count; ++i)
-            push16(b, cells[i]);
+            push16(p, cells[i]);
     }
-    return b;
+    return p;
 }
 
-// Length of the good reply to a request: reads carry their data, writes echo
-// the request's address and quantity (or, for FC 5/6/22, all of it).
-int expectedLength(const Bytes &request)
+}  // namespace
+
+Pdu readRequest(Area area, int start, int count)
 {
-    uint8_t fc = request[0];
-    if (fc <= kReadInputRegisters) {
-        int q = get16(&request[3]);
+    Pdu p = header(readFunction(area), start);
+    push16(p, count);
+    return p;
+}
+
+Pdu writeRequest(Area area, int start, const uint16_t *cells, int count, bool multiple)
+{
+    bool bits = isBitArea(area);
+    if (count == 1 && !multiple) {
+        Pdu p = header(bits ? kWriteCoil : kWriteRegister, start);
+        push16(p, bits ? (cells[0] ? 0xFF00 : 0x0000) : cells[0]);
+        return p;
+    }
+    return writeCells(bits ? kWriteCoils : kWriteRegisters, start, cells, count, bits);
+}
+
+Pdu maskWriteRequest(int address, uint16_t andMask, uint16_t orMask)
+{
+    Pdu p = header(kMaskWriteRegister, address);
+    push16(p, andMask);
+    push16(p, orMask);
+    return p;
+}
+
+bool isReadRequest(const Pdu &request)
+{
+    return request.function() >= kReadCoils && request.function() <= kReadInputRegisters;
+}
+
+// Reads carry their data; writes echo the request's address and quantity
+// (or, for FC 5/6/22, all of it).
+int replyLength(const Pdu &request)
+{
+    uint8_t fc = request.function();
+    if (isReadRequest(request)) {
+        int q = get16(&request.b[3]);
         return 2 + (readsBits(fc) ? (q + 7) / 8 : 2 * q);
     }
     return fc == kMaskWriteRegister ? 7 : 5;
 }
 
-}  // namespace
-
-Bytes readRequest(Area area, int start, int count)
+Reply checkReply(const Pdu &request, const uint8_t *pdu, int len)
 {
-    Bytes b = header(readFunction(area), start);
-    push16(b, count);
-    return b;
-}
-
-Bytes writeRequest(Area area, int start, const uint16_t *cells, int count)
-{
-    bool bits = isBitArea(area);
-    if (count == 1) {
-        Bytes b = header(bits ? kWriteCoil : kWriteRegister, start);
-        push16(b, bits ? (cells[0] ? 0xFF00 : 0x0000) : cells[0]);
-        return b;
-    }
-    return writeCells(bits ? kWriteCoils : kWriteRegisters, start, cells, count, bits);
-}
-
-Bytes maskWriteRequest(int address, uint16_t andMask, uint16_t orMask)
-{
-    Bytes b = header(kMaskWriteRegister, address);
-    push16(b, andMask);
-    push16(b, orMask);
-    return b;
-}
-
-Reply checkReply(const Bytes &request, const uint8_t *pdu, int len)
-{
-    if (request.size() < 5 || !pdu || len < 2)
-        return Reply::Bad;
-    uint8_t fc = request[0];
+    if (request.len < 5 || !pdu || len < 1)
+        return Reply::WrongLength;
+    uint8_t fc = request.function();
     if (pdu[0] == (fc | kExceptionFlag))
-        return len == 2 ? Reply::Exception : Reply::Bad;
-    if (pdu[0] != fc || len != expectedLength(request))
-        return Reply::Bad;
-    if (fc <= kReadInputRegisters)
-        return pdu[1] == len - 2 ? Reply::Good : Reply::Bad;
-    return std::memcmp(pdu + 1, request.data() + 1, len - 1) == 0 ? Reply::Good : Reply::Bad;
+        return len == 2 ? Reply::Exception : Reply::WrongLength;
+    if (pdu[0] != fc)
+        return Reply::WrongFunction;
+    if (len != replyLength(request))
+        return Reply::WrongLength;
+    if (isReadRequest(request))
+        return pdu[1] == len - 2 ? Reply::Good : Reply::WrongLength;
+    return std::memcmp(pdu + 1, request.b.data() + 1, static_cast<size_t>(len - 1)) == 0 ? Reply::Good
+                                                                                         : Reply::WrongEcho;
 }
 
-void replyCells(const Bytes &request, const uint8_t *pdu, uint16_t *cells)
+const char *replyFault(Reply r)
 {
-    int q = get16(&request[3]);
+    switch (r) {
+    case Reply::Good: return "good";
+    case Reply::Exception: return "exception";
+    case Reply::WrongFunction: return "wrong function code";
+    case Reply::WrongLength: return "wrong length or byte count";
+    case Reply::WrongEcho: return "write echo does not match";
+    }
+    return "bad reply";
+}
+
+void replyCells(const Pdu &request, const uint8_t *pdu, uint16_t *cells)
+{
+    int q = get16(&request.b[3]);
     const uint8_t *data = pdu + 2;
+    bool bits = readsBits(request.function());
     for (int i = 0; i < q; ++i)
-        cells[i] = readsBits(request[0]) ? (data[i / 8] >> (i % 8)) & 1 : static_cast<uint16_t>(get16(data + 2 * i));
+        cells[i] = bits ? (data[i / 8] >> (i % 8)) & 1 : static_cast<uint16_t>(get16(data + 2 * i));
+}
+
+const char *exceptionName(int code)
+{
+    switch (code) {
+    case 1: return "illegal function";
+    case 2: return "illegal data address";
+    case 3: return "illegal data value";
+    case 4: return "server device failure";
+    case 5: return "acknowledge";
+    case 6: return "server device busy";
+    case 8: return "memory parity error";
+    case 0x0A: return "gateway path unavailable";
+    case 0x0B: return "gateway target device failed to respond";
+    default: return "unknown";
+    }
 }
 
 }  // namespace lumbra::modbus

@@ -6,6 +6,8 @@
 
 #include <lumbra/driver.h>
 
+#include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,11 +29,32 @@ struct Block {
     Area area = Area::HoldingRegisters;
     int start = 0;
     int count = 0;
+    std::vector<int> entries;  // the entries whose cells it reads, in part or whole
+    int end() const { return start + count; }
+};
+
+// Addresses that a read must not run across because the device refused a
+// read that did, per station and area. They outlive every re-merge.
+class Barriers {
+public:
+    // False when the table is full (the block then stays refused).
+    bool add(int station, Area area, int address);
+    // True when one lies in [from, to).
+    bool within(int station, Area area, int from, int to) const;
+
+private:
+    std::set<uint32_t> m_cuts;
 };
 
 // Unresolvable entries and stations the framing cannot poll are left out;
 // duplicates (several services asking for one value) collapse into one.
-std::vector<Entry> pollEntries(const KEY_ADDRESS *list, int count, int defaultStation, bool canPollBroadcast);
-std::vector<Block> mergeBlocks(const std::vector<Entry> &entries, const Settings &s);
+// The result is sorted by station, area and first cell.
+std::vector<Entry> pollEntries(const KEY_ADDRESS *list, int count, int defaultStation, bool canPollBroadcast,
+                               const AddressFormat &format);
+std::vector<Block> mergeBlocks(const std::vector<Entry> &entries, const Settings &s, const Barriers &barriers);
+// Where to cut a block the device refused as a whole: between the runs of
+// configured cells when it bridges unconfigured ones, else between its
+// entries. Empty when it cannot be cut.
+std::vector<int> splitPoints(const Block &b, const std::vector<Entry> &entries);
 
 }  // namespace lumbra::modbus

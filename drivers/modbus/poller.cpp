@@ -1,10 +1,14 @@
 #include "poller.h"
 
+#include <algorithm>
+
 namespace lumbra::modbus {
 
-void Poller::replace(std::vector<Block> blocks)
+void Poller::replace(std::vector<Block> blocks, bool sameRound)
 {
     m_blocks = std::move(blocks);
+    if (sameRound && m_cursor < m_blocks.size())
+        return;
     m_cursor = 0;
     m_down.reset();
 }
@@ -28,8 +32,22 @@ const Block *Poller::next()
 
 void Poller::markDown(int station)
 {
-    if (station >= 0 && station < static_cast<int>(m_down.size()))
+    if (station >= 0 && station < kStationCount)
         m_down.set(static_cast<size_t>(station));
+}
+
+const Block *Poller::find(int station, Area area, int start) const
+{
+    auto it = std::find_if(m_blocks.begin(), m_blocks.end(), [&](const Block &b) {
+        return b.station == station && b.area == area && b.start == start;
+    });
+    return it == m_blocks.end() ? nullptr : &*it;
+}
+
+void Poller::seek(const Block *b)
+{
+    if (b && b >= m_blocks.data() && b < m_blocks.data() + m_blocks.size())
+        m_cursor = static_cast<size_t>(b - m_blocks.data());
 }
 
 }  // namespace lumbra::modbus

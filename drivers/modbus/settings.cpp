@@ -1,38 +1,14 @@
 #include "settings.h"
 
-#include <cctype>
-#include <cstdlib>
+#include "text.h"
+
 #include <string>
 
 namespace lumbra::modbus {
 
 namespace {
 
-std::string trimmedLower(const std::string &s)
-{
-    size_t b = s.find_first_not_of(" \t\r\n");
-    size_t e = s.find_last_not_of(" \t\r\n");
-    std::string r = b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
-    for (char &c : r)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return r;
-}
-
-bool parseInt(const std::string &v, int min, int max, int *out)
-{
-    if (v.empty() || v.size() > 6)
-        return false;
-    for (char c : v)
-        if (!std::isdigit(static_cast<unsigned char>(c)))
-            return false;
-    int n = std::atoi(v.c_str());
-    if (n < min || n > max)
-        return false;
-    *out = n;
-    return true;
-}
-
-bool parseChoice(const std::string &v, const char *no, const char *yes, bool *out)
+bool parseChoice(const std::string &v, const char *no, const char *yes, int *out)
 {
     if (v != no && v != yes)
         return false;
@@ -40,14 +16,45 @@ bool parseChoice(const std::string &v, const char *no, const char *yes, bool *ou
     return true;
 }
 
+bool parseFlag(const std::string &v, bool *out)
+{
+    int n = 0;
+    if (!parseChoice(v, "0", "1", &n))
+        return false;
+    *out = n != 0;
+    return true;
+}
+
+// "2,5 7": stations separated by commas or blanks.
+bool parseStations(const std::string &v, std::bitset<kStationCount> *out)
+{
+    std::bitset<kStationCount> stations;
+    for (const std::string &t : splitTokens(v, ", \t")) {
+        int n = 0;
+        if (!parseInt(t, 0, kStationCount - 1, &n))
+            return false;
+        stations.set(static_cast<size_t>(n));
+    }
+    *out = stations;
+    return true;
+}
+
 bool applyPair(const std::string &key, const std::string &v, Settings *s)
 {
+    int mask = 0;
     if (key == "word_order")
-        return parseChoice(v, "high_first", "low_first", &s->lowWordFirst);
+        return parseChoice(v, "high_first", "low_first", &s->wordOrder);
     if (key == "byte_swap")
         return parseChoice(v, "0", "1", &s->byteSwap);
-    if (key == "bit_write")
-        return parseChoice(v, "rmw", "mask", &s->maskWrite);
+    if (key == "bit_write") {
+        bool ok = parseChoice(v, "rmw", "mask", &mask);
+        s->maskWrite = mask != 0;
+        return ok;
+    }
+    if (key == "fc16_only")
+        return parseFlag(v, &s->fc16Only);
+    if (key == "fc16_stations")
+        return parseStations(v, &s->fc16Stations);
     if (key == "max_gap")
         return parseInt(v, 0, kMaxReadRegisters, &s->maxGap);
     if (key == "max_bit_gap")
@@ -66,12 +73,7 @@ bool parseSettings(const char *text, Settings *out)
     if (!text)
         return false;
     Settings s;
-    std::string all(text);
-    size_t pos = 0;
-    while (pos <= all.size()) {
-        size_t semi = all.find(';', pos);
-        std::string pair = all.substr(pos, semi == std::string::npos ? std::string::npos : semi - pos);
-        pos = semi == std::string::npos ? all.size() + 1 : semi + 1;
+    for (const std::string &pair : splitTokens(text, ";")) {
         if (trimmedLower(pair).empty())
             continue;
         size_t eq = pair.find('=');
