@@ -8,7 +8,7 @@
  * "log" is logged at WARN through the gateway's callback.
  * Writes to register "W" go out as "WR<ticket>" before the next poll and are
  * confirmed by a reply starting "OK", refused by one starting "EX"; writes to
- * "B" are broadcasts. Counters, a per-copy global and the last buffer are
+ * "B" are broadcasts; "G" is kept at once. Counters, a per-copy global and the last buffer are
  * read back through intf_getData (registers "CNT", "G", "BUF").
  * Built a second time without the ABI-2 entry points (SCRIPTED_ABI1).
  */
@@ -215,8 +215,8 @@ static int g_lastTicket;
 int intf_getValue(int station, const char *reg, int addr, int count, int kind, unsigned char *data, int len,
                   int *quality)
 {
-    g_counters[CNT_LAST_KIND] = kind;
     if (reg && strcmp(reg, "Q") == 0 && data && len >= 4) {
+        g_counters[CNT_LAST_KIND] = kind;
         *quality = g_quality;
         if (g_quality == LUMBRA_QUALITY_NOT_READ) {
             memset(data, 0, (size_t)len);
@@ -232,7 +232,13 @@ int intf_getValue(int station, const char *reg, int addr, int count, int kind, u
 int intf_setValue(int station, const char *reg, int addr, int count, int kind, const unsigned char *data, int len,
                   int *ticket)
 {
-    (void)station, (void)addr, (void)count, (void)kind, (void)data, (void)len;
+    (void)station, (void)addr, (void)count, (void)kind;
+    if (reg && strcmp(reg, "G") == 0 && data && len >= 4) { /* kept at once: confirmed at once */
+        memcpy(&g_global, data, 4);
+        *ticket = ++g_lastTicket;
+        settle(*ticket, LUMBRA_WRITE_DONE, "");
+        return 1;
+    }
     if (!reg || (strcmp(reg, "W") != 0 && strcmp(reg, "B") != 0) || g_queued)
         return -1;
     g_queued = ++g_lastTicket;
