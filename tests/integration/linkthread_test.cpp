@@ -79,7 +79,7 @@ protected:
     int counter(int which)
     {
         int v = -1;
-        thread->GetValue(0, "CNT", which, 2, reinterpret_cast<uchar *>(&v), 4);
+        thread->GetValue(0, "CNT", which, 2, LUMBRA_KIND_RAW, reinterpret_cast<uchar *>(&v), 4, nullptr);
         return v;
     }
 
@@ -87,7 +87,7 @@ protected:
     QByteArray lastBuffer()
     {
         QByteArray b(64, '\0');
-        thread->GetValue(0, "BUF", 0, 0, reinterpret_cast<uchar *>(b.data()), b.size());
+        thread->GetValue(0, "BUF", 0, 0, LUMBRA_KIND_RAW, reinterpret_cast<uchar *>(b.data()), b.size(), nullptr);
         return b.left(counter(CNT_LAST_LEN));
     }
 

@@ -6,7 +6,6 @@
 #include <QReadWriteLock>
 
 #include <atomic>
-#include <cstring>
 #include <vector>
 
 namespace {

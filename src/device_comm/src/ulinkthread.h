@@ -51,8 +51,6 @@ public:
     // -> "can1"), "can0" for a bare "CAN".
     static QString canInterface(const LinkValue &link);
 
-    int SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len);
-    int GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len);
     // A value as a LUMBRA_KIND_* with its LUMBRA_QUALITY_* (CLinkDriver).
     int GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len, int *quality);
     // Hands a write to the driver and waits for the device's answer, at most

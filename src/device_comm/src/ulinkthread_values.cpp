@@ -10,16 +10,6 @@
 #undef LUMBRA_LOG_FILE
 #define LUMBRA_LOG_FILE "device_comm/src/ulinkthread.cpp"
 
-int ULinkThread::SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len)
-{
-    return m_driver ? m_driver->SetValue(station, reg, addr, count, data, len) : -1;
-}
-
-int ULinkThread::GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len)
-{
-    return m_driver ? m_driver->GetValue(station, reg, addr, count, data, len) : -1;
-}
-
 int ULinkThread::AddressMerge(QList<KEY_ADDRESS> &list)
 {
     return m_driver ? m_driver->AddressMerge(list) : -1;
