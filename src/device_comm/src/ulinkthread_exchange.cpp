@@ -101,8 +101,9 @@ bool ULinkThread::awaitReply(int *result, QString *text)
         if (n == 0 && sent.elapsed() == before)
             QThread::msleep(1);  // a port that does not wait must not make us spin
     }
-    m_recvBuf.clear();
-    *result = dealFrame(m_recvBuf, *text);
+    // What came stays in the buffer: a peer that said something is not a
+    // peer that is gone (actOnMasterResult).
+    *result = dealFrame(QByteArray(), *text);
     return true;
 }
 
