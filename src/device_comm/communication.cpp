@@ -117,11 +117,25 @@ communication::LinkThreadPtr communication::threadById(int id) const
 
 int communication::stationFor(const ULinkThread &thread, int station, bool *shielded) const
 {
+    QReadLocker lock(&m_lock);
     if (station < 0)
         station = thread.getLinkPro().plc_id;
-    QReadLocker lock(&m_lock);
     *shielded = !m_shielded.isEmpty() && m_shielded.contains(shieldKey(thread.getLinkID(), station));
     return station;
+}
+
+communication::LinkThreadPtr communication::valueTarget(const QString &link, int *station, bool *shielded) const
+{
+    QReadLocker lock(&m_lock);
+    for (const LinkThreadPtr &t : m_threads) {
+        if (t->getLinkName() != link)
+            continue;
+        if (*station < 0)
+            *station = t->getLinkPro().plc_id;
+        *shielded = !m_shielded.isEmpty() && m_shielded.contains(shieldKey(t->getLinkID(), *station));
+        return t;
+    }
+    return nullptr;
 }
 
 int communication::getIndexFromName(const QString &name) const

@@ -104,6 +104,9 @@ private:
     // The station a call means (a negative one: the link's "plc_id"), and
     // whether it is shielded.
     int stationFor(const ULinkThread &thread, int station, bool *shielded) const;
+    // The named link with its station, under one look at the lists: this
+    // runs for every value read.
+    LinkThreadPtr valueTarget(const QString &link, int *station, bool *shielded) const;
     int shieldStation(const QString &link, int station, bool shield);
     void mergeLink(const LinkThreadPtr &thread);
     void mergeAllIfEnabled();

@@ -39,14 +39,14 @@ QString writeKey(const QString &link, const QString &reg, int addr, int station)
 int communication::getCommValue(const QString &link, const QString &reg, int addr, int station, int len,
                                 uchar *data, int dataSize, int kind, int *quality)
 {
-    int q = LUMBRA_QUALITY_GOOD;
+    int q = LUMBRA_QUALITY_NOT_READ;
     int rc = -1;
+    bool shielded = false;
     const int local = getLocalIndex(reg);
     if (local >= 0) {
         rc = m_local.get(local, addr, localCells(local, len, dataSize), data);
-    } else if (LinkThreadPtr t = threadByName(link); t && data && len > 0) {
-        bool shielded = false;
-        station = stationFor(*t, station, &shielded);
+        q = LUMBRA_QUALITY_GOOD;
+    } else if (LinkThreadPtr t = valueTarget(link, &station, &shielded); t && data && len > 0) {
         rc = t->GetValue(station, reg, addr, len, kind, data, dataSize >= 0 ? dataSize : 2 * len, &q);
         // Not polled: whatever the driver still holds of it is not current.
         if (shielded)
@@ -68,10 +68,8 @@ int communication::setCommValue(const QString &link, const QString &reg, int add
     if (local >= 0)
         return m_local.set(local, addr, localCells(local, len, dataSize), data);
     QString reason;
-    LinkThreadPtr t = threadByName(link);
     bool shielded = false;
-    if (t)
-        station = stationFor(*t, station, &shielded);
+    LinkThreadPtr t = valueTarget(link, &station, &shielded);
     int rc = -1;
     if (!t) {
         reason = QStringLiteral("no such link");
