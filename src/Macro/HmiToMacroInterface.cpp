@@ -142,6 +142,11 @@ int HmiToMacroInterface::statusCommunication(int linkId)
     return links()->statusLinkFromID(linkId);
 }
 
+int HmiToMacroInterface::closeCommunication(int linkId)
+{
+    return links()->close_freePort(linkId);
+}
+
 int HmiToMacroInterface::openFreeLink(const QString &linkType, const QString &ip, int port, unsigned baud)
 {
     LinkValue link;

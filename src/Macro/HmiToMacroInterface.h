@@ -61,6 +61,9 @@ public:
     int recvData(int linkId, QByteArray &data, int maxLen, int timeoutMs);
     int resetCommunication(int linkId);
     int statusCommunication(int linkId);
+    // Closes a link that initCommunication* opened: 1 done, -1 when there is
+    // no such free link.
+    int closeCommunication(int linkId);
 
     // The timer bank. Indexes above 31 (and negative ones) are refused.
     int timerRun(int i);

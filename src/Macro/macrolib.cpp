@@ -204,12 +204,4 @@ int l_HMIgetLinkNum(lua_State *L)
     return 1;
 }
 
-int l_HMIcloseCommunication(lua_State *L)
-{
-    // Scripts written for panels call this; free links are not closed from a
-    // script here, they stay for the gateway's lifetime.
-    (void)macroInt(L, 1);
-    return 0;
-}
-
 }  // namespace lumbra

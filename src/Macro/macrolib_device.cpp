@@ -1,5 +1,6 @@
 // Raw bytes on free-protocol links: readdevice / writedevice on configured
-// links, initCommunication / sendData / recvData on links scripts open.
+// links, initCommunication / sendData / recvData / closeCommunication on
+// links scripts open.
 #include "HmiToMacroInterface.h"
 #include "macrolib.h"
 #include "macrolib_p.h"
@@ -152,6 +153,14 @@ int l_HMIresetCommunication(lua_State *L)
 int l_HMIstatusCommunication(lua_State *L)
 {
     lua_pushinteger(L, macroHmi()->statusCommunication(macroInt(L, 1)));
+    return 1;
+}
+
+// A script that opens a link per job must be able to give it back, or each
+// job would cost a socket for the gateway's lifetime.
+int l_HMIcloseCommunication(lua_State *L)
+{
+    lua_pushinteger(L, macroHmi()->closeCommunication(macroInt(L, 1)));
     return 1;
 }
 

@@ -39,7 +39,7 @@ AddressInfo addressFromJson(const QJsonObject &a, int dataType, int totalDigits)
 
 void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer)
 {
-    QList<KEY_ADDRESS> keys;
+    QList<ExternalAddr> keys;
     QSet<QString> seen;
     for (const AddressInfo &a : addrs) {
         if (communication::getLocalIndex(a.reg) != -1)
@@ -52,7 +52,7 @@ void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer)
         if (seen.contains(id))
             continue;
         seen.insert(id);
-        keys.append(ExternalAddrTable::makeKey(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
+        keys.append(ExternalAddrTable::makeAddr(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
     }
     if (!keys.isEmpty())
         communication::getInstance()->setExternalAddrInfo(keys, consumer);

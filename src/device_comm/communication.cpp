@@ -1,6 +1,5 @@
 #include "communication.h"
 
-#include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
 #include "linkconfig.h"
 #include "src/ulinkthread.h"
@@ -14,12 +13,19 @@ QByteArray local8(const QString &s)
     return s.toLocal8Bit();
 }
 
+int shieldKey(int linkId, int station)
+{
+    return station + linkId * 256;
+}
+
 }  // namespace
 
+// Never destroyed: link threads and their sockets must not be torn down
+// during static destruction, after the application object is gone.
 communication *communication::getInstance()
 {
-    static communication instance;
-    return &instance;
+    static communication *instance = new communication;
+    return instance;
 }
 
 void communication::readLinkConfig()
@@ -40,8 +46,13 @@ void communication::addShieldedStations(const LinkValue &link)
     for (const QString &part : link.station_no_comm.split(sep, Qt::SkipEmptyParts)) {
         bool ok = false;
         int station = part.toInt(&ok);
-        if (ok && station >= 0 && station <= 255 && !m_shielded.contains(station + link.id * 256))
-            m_shielded.append(station + link.id * 256);
+        if (!ok || station < 0 || station > 255) {
+            zlog_info(g_zlog, "link:%s station_no_comm \"%s\" is no station, ignored", local8(link.linkName).constData(),
+                      local8(part).constData());
+            continue;
+        }
+        if (!m_shielded.contains(shieldKey(link.id, station)))
+            m_shielded.append(shieldKey(link.id, station));
     }
 }
 
@@ -50,7 +61,7 @@ void communication::initLinks()
     readLinkConfig();
     const QList<LinkValue> links = linkValues();
     for (const LinkValue &link : links) {
-        auto *thread = new ULinkThread(link.id);
+        auto thread = std::make_shared<ULinkThread>(link.id);
         int rc = thread->InitLink(link, &communication::_linkValueChangedCB, &communication::_linkErrorCallBack);
         zlog_info(g_zlog, "InitLink Ret:%d", rc);
         QWriteLocker lock(&m_lock);
@@ -60,7 +71,7 @@ void communication::initLinks()
 
 void communication::stopLinks()
 {
-    QList<ULinkThread *> threads;
+    QList<LinkThreadPtr> threads;
     {
         QWriteLocker lock(&m_lock);
         threads.swap(m_threads);
@@ -68,7 +79,12 @@ void communication::stopLinks()
         m_shielded.clear();
         m_externalEnabled = false;
     }
-    qDeleteAll(threads);  // each destructor stops and joins its thread
+    // All at once rather than one after the other; a thread that has ended
+    // holds no reference to itself, so the last one goes here.
+    for (const LinkThreadPtr &t : threads)
+        t->stop();
+    for (const LinkThreadPtr &t : threads)
+        t->wait();
 }
 
 int communication::getLocalValue(int index, int addr, int len, uchar *data)
@@ -81,87 +97,45 @@ int communication::setLocalValue(int index, int addr, int len, const uchar *data
     return m_local.set(index, addr, len, data);
 }
 
-ULinkThread *communication::threadByName(const QString &name) const
+communication::LinkThreadPtr communication::threadByName(const QString &name) const
 {
     QReadLocker lock(&m_lock);
-    for (ULinkThread *t : m_threads)
+    for (const LinkThreadPtr &t : m_threads)
         if (t->getLinkName() == name)
             return t;
     return nullptr;
 }
 
-ULinkThread *communication::threadById(int id) const
+communication::LinkThreadPtr communication::threadById(int id) const
 {
     QReadLocker lock(&m_lock);
-    for (ULinkThread *t : m_threads)
+    for (const LinkThreadPtr &t : m_threads)
         if (t->getLinkID() == id)
             return t;
     return nullptr;
 }
 
-// The station to use and its shield key; -1 when the station is shielded.
-int communication::stationFor(const ULinkThread *thread, int station, int &key) const
+int communication::stationFor(const ULinkThread &thread, int station, bool *shielded) const
 {
-    if (station < 0)
-        station = thread->getLinkPro().plc_id;
-    key = station + thread->getLinkID() * 256;
     QReadLocker lock(&m_lock);
-    return m_shielded.contains(key) ? -1 : station;
+    if (station < 0)
+        station = thread.getLinkPro().plc_id;
+    *shielded = !m_shielded.isEmpty() && m_shielded.contains(shieldKey(thread.getLinkID(), station));
+    return station;
 }
 
-// Cells of a local area that fit into dataSize bytes: a length configured
-// beyond the caller's buffer must not run past it.
-static int localCells(int area, int len, int dataSize)
+communication::LinkThreadPtr communication::valueTarget(const QString &link, int *station, bool *shielded) const
 {
-    if (dataSize < 0)
-        return len;
-    return qMin(len, area == LocalRegisters::LB ? dataSize : dataSize / 2);
-}
-
-int communication::getCommValue(const QString &link, const QString &reg, int addr, int station, int len,
-                                uchar *data, int dataSize, int, int *)
-{
-    int local = getLocalIndex(reg);
-    if (local >= 0)
-        return m_local.get(local, addr, localCells(local, len, dataSize), data);
-    ULinkThread *t = threadByName(link);
-    int key = 0;
-    if (!t || !data || len <= 0 || (station = stationFor(t, station, key)) < 0)
-        return -1;
-    return t->GetValue(station, reg, addr, len, data, dataSize >= 0 ? dataSize : 2 * len);
-}
-
-int communication::setCommValue(const QString &link, const QString &reg, int addr, int station, int len,
-                                const uchar *data, int dataSize, int, QString *)
-{
-    int local = getLocalIndex(reg);
-    if (local >= 0)
-        return m_local.set(local, addr, localCells(local, len, dataSize), data);
-    ULinkThread *t = threadByName(link);
-    int key = 0;
-    if (!t || !data || len <= 0)
-        return -1;
-    if ((station = stationFor(t, station, key)) < 0) {
-        zlog_debug(g_zlog, "link:%s station key %d shielded, write dropped", local8(link).constData(), key);
-        return -1;
+    QReadLocker lock(&m_lock);
+    for (const LinkThreadPtr &t : m_threads) {
+        if (t->getLinkName() != link)
+            continue;
+        if (*station < 0)
+            *station = t->getLinkPro().plc_id;
+        *shielded = !m_shielded.isEmpty() && m_shielded.contains(shieldKey(t->getLinkID(), *station));
+        return t;
     }
-    return t->SetValue(station, reg, addr, len, data, dataSize >= 0 ? dataSize : 2 * len);
-}
-
-int communication::kindOf(int valueType)
-{
-    switch (valueType) {
-    case VALUE_BIT: return LUMBRA_KIND_BIT;
-    case VALUE_U16:
-    case VALUE_S16:
-    case VALUE_BCD16: return LUMBRA_KIND_16BIT;
-    case VALUE_U32:
-    case VALUE_S32:
-    case VALUE_BCD32:
-    case VALUE_FLOAT: return LUMBRA_KIND_32BIT;
-    case VALUE_STRING: return LUMBRA_KIND_STRING;
-    default: return LUMBRA_KIND_RAW;
-    }
+    return nullptr;
 }
 
 int communication::getIndexFromName(const QString &name) const
@@ -184,13 +158,13 @@ int communication::getIndexFromID(int id) const
 
 LinkValue communication::getLinkByName(const QString &name) const
 {
-    ULinkThread *t = threadByName(name);
+    LinkThreadPtr t = threadByName(name);
     return t ? t->getLinkPro() : LinkValue();
 }
 
 LinkValue communication::getLinkById(int id) const
 {
-    ULinkThread *t = threadById(id);
+    LinkThreadPtr t = threadById(id);
     return t ? t->getLinkPro() : LinkValue();
 }
 
@@ -209,13 +183,13 @@ int communication::getIndexFromAddr(const QString &link, const QString &reg, con
         int cell = addr.section('.', 0, 0).trimmed().toInt(&ok);
         return ok && LocalRegisters::inRange(local, cell, 1) ? cell : -1;
     }
-    ULinkThread *t = threadByName(link);
+    LinkThreadPtr t = threadByName(link);
     return t ? t->getAddrIndexFromStr(reg, addr, station, mode) : -1;
 }
 
 int communication::suspendLink(const QString &name, bool suspend)
 {
-    ULinkThread *t = threadByName(name);
+    LinkThreadPtr t = threadByName(name);
     if (!t)
         return 0;
     t->setSupend(suspend);
@@ -224,23 +198,31 @@ int communication::suspendLink(const QString &name, bool suspend)
 
 int communication::spendStation(const QString &link, int station)
 {
-    ULinkThread *t = threadByName(link);
-    if (!t || station < 0 || station > 255)
-        return 0;
-    int key = station + t->getLinkID() * 256;
-    QWriteLocker lock(&m_lock);
-    if (!m_shielded.contains(key))
-        m_shielded.append(key);
-    return 1;
+    return shieldStation(link, station, true);
 }
 
 int communication::startStation(const QString &link, int station)
 {
-    ULinkThread *t = threadByName(link);
-    if (!t)
+    return shieldStation(link, station, false);
+}
+
+// The driver polls what it was given last, so a change re-merges the link.
+int communication::shieldStation(const QString &link, int station, bool shield)
+{
+    LinkThreadPtr t = threadByName(link);
+    if (!t || station < 0 || station > 255)
         return 0;
-    QWriteLocker lock(&m_lock);
-    m_shielded.removeAll(station + t->getLinkID() * 256);
+    const int key = shieldKey(t->getLinkID(), station);
+    {
+        QWriteLocker lock(&m_lock);
+        if (shield == m_shielded.contains(key))
+            return 1;
+        if (shield)
+            m_shielded.append(key);
+        else
+            m_shielded.removeAll(key);
+    }
+    mergeIfEnabled(t);
     return 1;
 }
 
@@ -252,31 +234,31 @@ QList<int> communication::staShieldList() const
 
 int communication::resetLinkFromID(int id)
 {
-    ULinkThread *t = threadById(id);
+    LinkThreadPtr t = threadById(id);
     return t ? t->lLinkReset() : -1;
 }
 
 int communication::statusLinkFromID(int id)
 {
-    ULinkThread *t = threadById(id);
+    LinkThreadPtr t = threadById(id);
     return t ? t->lLinkStatus() : -1;
 }
 
 int communication::lLinkSendFromID(const QByteArray &data, int len, int id)
 {
-    ULinkThread *t = threadById(id);
+    LinkThreadPtr t = threadById(id);
     return t ? t->lLinkSend(data, len) : -1;
 }
 
 int communication::lLinkReadFromID(QByteArray &data, unsigned maxLen, int id, int timeoutMs)
 {
-    ULinkThread *t = threadById(id);
+    LinkThreadPtr t = threadById(id);
     return t ? t->lLinkRead(data, maxLen, timeoutMs) : -1;
 }
 
 int communication::exeuteFuncFromID(int id, QVariant &arg)
 {
-    ULinkThread *t = threadById(id);
+    LinkThreadPtr t = threadById(id);
     QVariantList list = arg.toList();
     if (!t || list.size() < 2)
         return -1;
@@ -295,14 +277,14 @@ int communication::create_freePort(const LinkValue *link)
     {
         QReadLocker lock(&m_lock);
         lv.id = m_links.size();
-        for (ULinkThread *t : m_threads)
+        for (const LinkThreadPtr &t : m_threads)
             lv.id = qMax(lv.id, t->getLinkID() + 1);
     }
     lv.linkName = QString("free_port_%1").arg(lv.id);
     lv.link_driver = "free_protocol";
     zlog_info(g_zlog, "LinkID:%d type:%s m_baudRate:%d", lv.id, local8(lv.linkType).constData(),
               static_cast<int>(lv.baudrate));
-    auto *thread = new ULinkThread(lv.id);
+    auto thread = std::make_shared<ULinkThread>(lv.id);
     if (thread->InitLink(lv, &communication::_linkValueChangedCB, &communication::_linkErrorCallBack) != 0)
         zlog_info(g_zlog, "iRet:-1");
     QWriteLocker lock(&m_lock);
@@ -311,36 +293,103 @@ int communication::create_freePort(const LinkValue *link)
     return lv.id;
 }
 
-void communication::mergeLink(ULinkThread *thread)
+int communication::close_freePort(int id)
 {
-    QList<KEY_ADDRESS> list = m_external.forLink(thread->getLinkName());
-    for (KEY_ADDRESS &k : list) {
+    LinkThreadPtr thread;
+    {
+        QWriteLocker lock(&m_lock);
+        for (int i = 0; i < m_threads.size() && !thread; ++i) {
+            if (m_threads[i]->getLinkID() == id && m_threads[i]->getLinkPro().link_driver == "free_protocol")
+                thread = m_threads.takeAt(i);
+        }
+        if (!thread) {
+            zlog_info(g_zlog, "close free port %d: no such free link", id);
+            return -1;
+        }
+        for (int i = m_links.size() - 1; i >= 0; --i)
+            if (m_links[i].id == id)
+                m_links.removeAt(i);
+    }
+    thread->stop();
+    thread->wait();
+    zlog_info(g_zlog, "free port %d closed", id);
+    return 1;  // the port goes with the last reference to the thread
+}
+
+void communication::mergeLink(const LinkThreadPtr &thread)
+{
+    const QList<KEY_ADDRESS> registered = m_external.forLink(thread->getLinkName());
+    QList<KEY_ADDRESS> list;
+    list.reserve(registered.size());
+    for (KEY_ADDRESS k : registered) {
+        bool shielded = false;
+        stationFor(*thread, k.station, &shielded);
+        if (shielded)
+            continue;
         if (k.index < 0)
             k.index = thread->getAddrIndexFromStr(k.reg, k.addr, k.station, k.len == 1 ? 0 : 1);
+        list.append(k);
     }
     int rc = thread->AddressMerge(list);
-    zlog_info(g_zlog, "link:%s polls %d addresses (merge:%d)", local8(thread->getLinkName()).constData(),
-              static_cast<int>(list.size()), rc);
+    zlog_info(g_zlog, "link:%s polls %d addresses (merge:%d, %d of shielded stations left out)",
+              local8(thread->getLinkName()).constData(), static_cast<int>(list.size()), rc,
+              static_cast<int>(registered.size() - list.size()));
 }
 
 void communication::mergeAllIfEnabled()
 {
-    QList<ULinkThread *> threads;
+    QList<LinkThreadPtr> threads;
     {
         QReadLocker lock(&m_lock);
         if (!m_externalEnabled)
             return;
         threads = m_threads;
     }
-    for (ULinkThread *t : threads)
+    for (const LinkThreadPtr &t : threads)
         mergeLink(t);
 }
 
-void communication::setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type)
+void communication::mergeIfEnabled(const LinkThreadPtr &thread)
+{
+    {
+        QReadLocker lock(&m_lock);
+        if (!m_externalEnabled)
+            return;
+    }
+    mergeLink(thread);
+}
+
+void communication::setExternalAddrInfo(const QList<ExternalAddr> &list, int type)
 {
     m_external.set(type, list);
     // Once polling is on, a service that registers again changes it at once.
     mergeAllIfEnabled();
+}
+
+void communication::setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type)
+{
+    QList<ExternalAddr> addrs;
+    addrs.reserve(list.size());
+    for (const KEY_ADDRESS &k : list)
+        addrs.append(ExternalAddr{fullLinkName(k.link), k});
+    setExternalAddrInfo(addrs, type);
+}
+
+QString communication::fullLinkName(const char *name) const
+{
+    const QByteArray cut(name, static_cast<int>(qstrnlen(name, LUMBRA_LINK_NAME_SIZE)));
+    if (cut.size() < LUMBRA_LINK_NAME_SIZE - 1)
+        return QString::fromUtf8(cut);
+    QString found;
+    QReadLocker lock(&m_lock);
+    for (const LinkValue &l : m_links) {
+        if (!l.linkName.toUtf8().startsWith(cut))
+            continue;
+        if (!found.isEmpty())
+            return QString::fromUtf8(cut);  // two links start alike: neither is meant for sure
+        found = l.linkName;
+    }
+    return found.isEmpty() ? QString::fromUtf8(cut) : found;
 }
 
 void communication::enableExternalAddrInfo(bool enable)

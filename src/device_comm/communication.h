@@ -6,11 +6,16 @@
 #include "externaladdrtable.h"
 #include "linkvalue.h"
 #include "localregisters.h"
+#include "src/repeatlimiter.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QList>
+#include <QMutex>
 #include <QReadWriteLock>
 #include <QVariant>
+
+#include <memory>
 
 class ULinkThread;
 
@@ -34,7 +39,9 @@ public:
     // getCommValue: 1 when data holds a value the device sent on its last
     // read; 0 when it has none (data then hold the last good value or zeros,
     // and *quality, a LUMBRA_QUALITY_*, says why); -1 when the address is
-    // unusable. Local registers are always good.
+    // unusable. Local registers are always good. A shielded station (in
+    // "station_no_comm", or shielded by spendStation) is not polled, so its
+    // values read as NO_REPLY with 0, like those of a station that is down.
     int getCommValue(const QString &link, const QString &reg, int addr, int station, int len, uchar *data,
                      int dataSize = -1, int kind = LUMBRA_KIND_RAW, int *quality = nullptr);
     // setCommValue waits until the device confirms the write, at most the
@@ -56,7 +63,8 @@ public:
 
     int startLinkFromName(const QString &name) { return suspendLink(name, false); }
     int spendLinkFromName(const QString &name) { return suspendLink(name, true); }
-    // Shield or unshield one station of a link: writes to it are dropped.
+    // Shield or unshield one station of a link: writes to it are dropped and
+    // its addresses are not polled.
     int spendStation(const QString &link, int station);
     int startStation(const QString &link, int station);
     QList<int> staShieldList() const;
@@ -69,7 +77,13 @@ public:
     // when the driver changes it.
     int exeuteFuncFromID(int id, QVariant &arg);
     int create_freePort(const LinkValue *link);
+    // Stops and deletes the free-protocol link with this id, its port with
+    // it: 1 done, -1 when there is no such free link.
+    int close_freePort(int id);
 
+    void setExternalAddrInfo(const QList<ExternalAddr> &list, int type);
+    // For callers that only have KEY_ADDRESS: a link name cut to its 63
+    // bytes is taken for the one link whose name starts with them.
     void setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type);
     void enableExternalAddrInfo(bool enable);
 
@@ -80,20 +94,35 @@ public:
     void stopLinks();
 
 private:
+    // Shared, so that a thread found by one caller outlives its removal by another.
+    using LinkThreadPtr = std::shared_ptr<ULinkThread>;
+
     communication() = default;
     int suspendLink(const QString &name, bool suspend);
-    ULinkThread *threadByName(const QString &name) const;
-    ULinkThread *threadById(int id) const;
-    int stationFor(const ULinkThread *thread, int station, int &key) const;
-    void mergeLink(ULinkThread *thread);
+    LinkThreadPtr threadByName(const QString &name) const;
+    LinkThreadPtr threadById(int id) const;
+    // The station a call means (a negative one: the link's "plc_id"), and
+    // whether it is shielded.
+    int stationFor(const ULinkThread &thread, int station, bool *shielded) const;
+    // The named link with its station, under one look at the lists: this
+    // runs for every value read.
+    LinkThreadPtr valueTarget(const QString &link, int *station, bool *shielded) const;
+    int shieldStation(const QString &link, int station, bool shield);
+    void mergeLink(const LinkThreadPtr &thread);
     void mergeAllIfEnabled();
+    void mergeIfEnabled(const LinkThreadPtr &thread);
     void addShieldedStations(const LinkValue &link);
+    QString fullLinkName(const char *name) const;
+    void warnWriteFailed(const QString &link, const QString &reg, int addr, int station, const QString &why);
+    void writeSucceeded(const QString &link, const QString &reg, int addr, int station);
 
     mutable QReadWriteLock m_lock;  // guards the lists below
     QList<LinkValue> m_links;
-    QList<ULinkThread *> m_threads;
+    QList<LinkThreadPtr> m_threads;
     QList<int> m_shielded;
     LocalRegisters m_local;
     ExternalAddrTable m_external;
     bool m_externalEnabled = false;
+    QMutex m_warnLock;  // guards m_writeWarnings
+    QHash<QString, RepeatLimiter> m_writeWarnings;
 };

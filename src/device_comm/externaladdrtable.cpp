@@ -21,7 +21,13 @@ KEY_ADDRESS ExternalAddrTable::makeKey(const QString &link, const QString &reg, 
     return k;
 }
 
-void ExternalAddrTable::set(int type, const QList<KEY_ADDRESS> &list)
+ExternalAddr ExternalAddrTable::makeAddr(const QString &link, const QString &reg, const QString &addr, int station,
+                                         int len, int type, int index)
+{
+    return ExternalAddr{link, makeKey(link, reg, addr, station, len, type, index)};
+}
+
+void ExternalAddrTable::set(int type, const QList<ExternalAddr> &list)
 {
     QMutexLocker lock(&m_mutex);
     m_byType[type] = list;
@@ -29,14 +35,14 @@ void ExternalAddrTable::set(int type, const QList<KEY_ADDRESS> &list)
 
 QList<KEY_ADDRESS> ExternalAddrTable::forLink(const QString &link) const
 {
-    QByteArray name = link.toUtf8();
     QList<KEY_ADDRESS> out;
     QSet<QByteArray> seen;  // tens of thousands of points: no pairwise compare
     QMutexLocker lock(&m_mutex);
-    for (const QList<KEY_ADDRESS> &list : m_byType) {
-        for (const KEY_ADDRESS &k : list) {
-            if (name != k.link)
+    for (const QList<ExternalAddr> &list : m_byType) {
+        for (const ExternalAddr &a : list) {
+            if (a.link != link)
                 continue;
+            const KEY_ADDRESS &k = a.key;
             QByteArray id = QByteArray(k.reg) + '\0' + k.addr + '\0' + QByteArray::number(k.station) + '/' +
                             QByteArray::number(k.len) + '/' + QByteArray::number(k.index);
             if (!seen.contains(id)) {

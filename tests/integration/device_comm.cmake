@@ -2,6 +2,11 @@ lumbra_add_test(linkthread_test SOURCES linkthread_test.cpp LIBS lumbra_device_c
 target_compile_definitions(linkthread_test PRIVATE SCRIPTED_DRIVER="$<TARGET_FILE:scripted_driver>")
 add_dependencies(linkthread_test scripted_driver)
 
+lumbra_add_test(linkmanager_test SOURCES linkmanager_test.cpp LIBS lumbra_device_comm)
+target_compile_definitions(linkmanager_test PRIVATE SCRIPTED_DRIVER="$<TARGET_FILE:scripted_driver>"
+  SCRIPTED_DRIVER_ABI1="$<TARGET_FILE:scripted_driver_abi1>")
+add_dependencies(linkmanager_test scripted_driver scripted_driver_abi1)
+
 lumbra_add_test(modbus_rtu_link_test SOURCES modbus_rtu_link_test.cpp LIBS lumbra_device_comm)
 target_compile_definitions(modbus_rtu_link_test PRIVATE MODBUS_RTU_DRIVER="$<TARGET_FILE:modbus_rtu>")
 add_dependencies(modbus_rtu_link_test modbus_rtu)

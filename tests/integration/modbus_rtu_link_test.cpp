@@ -111,18 +111,6 @@ TEST_F(RtuLink, WritesReachTheSlaveAndReadBack)
     EXPECT_TRUE(eventually([&] { return slave->coil(5); }));
 }
 
-TEST_F(RtuLink, ShieldedStationWritesAreDropped)
-{
-    ASSERT_EQ(comm->spendStation("PLC1", 1), 1);
-    uint16_t v = 99;
-    EXPECT_EQ(comm->setCommValue("PLC1", "4X", hr, 1, 1, reinterpret_cast<uchar *>(&v)), -1);
-    QThread::msleep(300);
-    EXPECT_EQ(slave->holding(10), 0);
-    comm->startStation("PLC1", 1);
-    EXPECT_EQ(comm->setCommValue("PLC1", "4X", hr, 1, 1, reinterpret_cast<uchar *>(&v)), 1);
-    EXPECT_TRUE(eventually([&] { return slave->holding(10) == 99; }));
-}
-
 TEST_F(RtuLink, DeadSlaveSetsTheStatusBitAndRecoveryClearsIt)
 {
     EXPECT_TRUE(eventually([&] { return localBit(60104) == 0; }));

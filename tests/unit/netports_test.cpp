@@ -4,8 +4,13 @@
 #include "modbusslave.h"
 #include "testsupport.h"
 
+#include <QElapsedTimer>
+
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 using namespace lumbra::test;
 
@@ -25,6 +30,31 @@ QString local(int port)
     return QString("127.0.0.1:%1").arg(port);
 }
 
+// A socket bound to [::1] on a free port (*port); invalid when the box has
+// no IPv6 loopback.
+FdHandle v6Bound(int type, int *port)
+{
+    FdHandle fd(::socket(AF_INET6, type | SOCK_CLOEXEC, 0));
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    a.sin6_addr = in6addr_loopback;
+    socklen_t len = sizeof a;
+    if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+        ::getsockname(fd.get(), reinterpret_cast<sockaddr *>(&a), &len) != 0)
+        return FdHandle();
+    *port = ntohs(a.sin6_port);
+    return fd;
+}
+
+sockaddr_in6 v6Loopback(int port)
+{
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    a.sin6_addr = in6addr_loopback;
+    a.sin6_port = htons(static_cast<uint16_t>(port));
+    return a;
+}
+
 // Recv until something comes or timeoutMs passed.
 QByteArray receive(ULinkPort &port, int timeoutMs = 2000)
 {
@@ -39,7 +69,8 @@ TEST(NetPorts, SetupTextsThatAreNotAnAddressAndAPortFail)
 {
     LogCapture log;
     for (int type : {2, 3, 4, 5, 7}) {
-        for (const char *text : {"127.0.0.1", "", ":502:", "plc.local:502", "127.0.0.1:70000", "127.0.0.1:50x"})
+        for (const char *text : {"127.0.0.1", "", ":502:", "plc.local:502", "127.0.0.1:70000", "127.0.0.1:50x",
+                                 "::1", "[::1]", "[::1]:", "[::1:502"})
             EXPECT_FALSE(create(type, text)) << type << " " << text;
     }
     EXPECT_FALSE(create(4, "127.0.0.1", true));
@@ -165,4 +196,77 @@ TEST(NetPorts, FreePortClientWaitsForItsPeerUntilReset)
     EXPECT_EQ(port->commStatus(), 0);
     EXPECT_EQ(port->Reset(), 0);
     EXPECT_TRUE(server.accept(2000).ok());
+}
+
+TEST(NetPorts, Ipv6LiteralsWorkWithAndWithoutBrackets)
+{
+    int tcpPort = 0, udpPort = 0;
+    FdHandle listener = v6Bound(SOCK_STREAM, &tcpPort);
+    if (!listener.valid() || ::listen(listener.get(), 4) != 0)
+        GTEST_SKIP() << "no IPv6 loopback here";
+    struct Client {
+        const char *text;
+        bool freePort;
+    } clients[] = {{"[::1]:%1", false}, {"::1:%1", false}, {"[::1]:%1", true}};
+    for (const Client &c : clients) {
+        SCOPED_TRACE(c.text);
+        auto port = create(4, QString(c.text).arg(tcpPort), c.freePort);
+        ASSERT_TRUE(port);
+        pollfd p{listener.get(), POLLIN, 0};
+        ASSERT_EQ(::poll(&p, 1, 2000), 1);
+        FdEnd peer(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        EXPECT_TRUE(eventually([&] { return port->Send("v6", 2) == 2; }));
+        EXPECT_EQ(peer.read(2, 2000), "v6");
+        ASSERT_TRUE(peer.write("ok"));
+        EXPECT_EQ(receive(*port), "ok");
+    }
+
+    FdHandle device = v6Bound(SOCK_DGRAM, &udpPort);
+    auto udpClient = create(3, QString("[::1]:%1").arg(udpPort));
+    ASSERT_TRUE(udpClient);
+    EXPECT_EQ(udpClient->Send("dg", 2), 2);
+    FdEnd deviceEnd(device.release());
+    EXPECT_EQ(deviceEnd.read(2, 2000), "dg");
+
+    const int serverPort = freeTcpPort();
+    auto udpServer = create(2, QString("::1:%1").arg(serverPort));
+    ASSERT_TRUE(udpServer);
+    FdHandle sender(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 to = v6Loopback(serverPort);
+    ASSERT_EQ(::sendto(sender.get(), "hi", 2, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 2);
+    EXPECT_EQ(receive(*udpServer), "hi");
+
+    LogCapture log;
+    auto rawServer = create(7, QString("[::1]:%1").arg(serverPort));
+    ASSERT_TRUE(rawServer);
+    FdHandle station(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::connect(station.get(), reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    EXPECT_TRUE(eventually([&] { return rawServer->accept() >= 0; }));
+    EXPECT_TRUE(log.contains("ip:::1 conneted"));
+    EXPECT_TRUE(create(5, QString("[::1]:%1").arg(freeTcpPort())));
+}
+
+TEST(NetPorts, FreePortSendGivesUpOnAPeerThatStopsReading)
+{
+    LogCapture log;
+    TcpListener server;
+    auto port = create(4, local(server.port()), true);
+    ASSERT_TRUE(port);
+    LinkValue link;
+    link.timeout1 = 200;
+    port->setLinkPar(link);
+    FdEnd peer = server.accept(2000);  // and never reads
+    ASSERT_TRUE(peer.ok());
+    const QByteArray chunk(64 * 1024, 'x');
+    int rc = 0;
+    QElapsedTimer lastSend;
+    for (int i = 0; i < 2000 && rc >= 0; ++i) {
+        lastSend.start();
+        rc = port->Send(chunk.constData(), chunk.size());
+    }
+    EXPECT_LT(rc, 0);
+    EXPECT_GE(lastSend.elapsed(), 190);
+    EXPECT_LT(lastSend.elapsed(), 1000);
+    EXPECT_EQ(port->commStatus(), 0);  // out of step: a reset starts over
+    EXPECT_TRUE(log.contains("free port send to 127.0.0.1:"));
 }

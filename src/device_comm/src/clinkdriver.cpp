@@ -2,12 +2,56 @@
 
 #include "generalFunc/globals.h"
 
+#include <QHash>
+#include <QReadWriteLock>
+
 #include <atomic>
 #include <vector>
 
 namespace {
 
 std::atomic<CLinkDriver::ValueChangedCB> s_valueChanged{nullptr};
+
+// Link names by link id, for the drivers' log lines.
+struct LinkNames {
+    QReadWriteLock lock;
+    QHash<int, QByteArray> names;
+};
+
+LinkNames &linkNames()
+{
+    static LinkNames names;
+    return names;
+}
+
+QByteArray linkNameOf(int linkId)
+{
+    LinkNames &n = linkNames();
+    QReadLocker lock(&n.lock);
+    QByteArray name = n.names.value(linkId);
+    return name.isEmpty() ? "#" + QByteArray::number(linkId) : name;
+}
+
+// The driver limits its repeats itself; every line it gives is written.
+void logTrampoline(int linkId, int level, const char *text)
+{
+    const QByteArray name = linkNameOf(linkId);
+    const char *line = text ? text : "";
+    switch (level) {
+    case LUMBRA_LOG_DEBUG:
+        zlog_debug(g_zlog, "link:%s %s", name.constData(), line);
+        break;
+    case LUMBRA_LOG_WARN:
+        zlog_warn(g_zlog, "link:%s %s", name.constData(), line);
+        break;
+    case LUMBRA_LOG_ERROR:
+        zlog_error(g_zlog, "link:%s %s", name.constData(), line);
+        break;
+    default:
+        zlog_info(g_zlog, "link:%s %s", name.constData(), line);
+        break;
+    }
+}
 
 // Drivers speak C; the gateway's callback takes a QString.
 void valueChangedTrampoline(int linkId, int station, const char *reg, int index)
@@ -58,6 +102,13 @@ bool CLinkDriver::loadDriver(const QString &path, ValueChangedCB valueChangedCB)
     resolve(m_setS7SmartRun, "intf_setS7_Smart_Run");
     resolve(m_setStation, "intf_setStation");
     resolve(m_setFunc, "intf_setFunc");
+    resolve(m_getValue, "intf_getValue");
+    resolve(m_setValue, "intf_setValue");
+    resolve(m_writeState, "intf_writeState");
+    resolve(m_cancelWrite, "intf_cancelWrite");
+    resolve(m_setLogCallBack, "intf_setLogCallBack");
+    if (m_setLogCallBack)
+        m_setLogCallBack(logTrampoline);
     if (m_setAddrValueChangeCallBack) {
         s_valueChanged.store(valueChangedCB);
         m_setAddrValueChangeCallBack(valueChangedTrampoline);
@@ -100,6 +151,71 @@ int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, 
 {
     QMutexLocker lock(&m_mutex);
     return m_getData ? m_getData(station, reg.toUtf8().constData(), addr, count, data, len) : -1;
+}
+
+int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len,
+                          int *quality)
+{
+    int q = LUMBRA_QUALITY_NOT_READ;
+    int rc = -1;
+    {
+        QMutexLocker lock(&m_mutex);
+        const QByteArray name = reg.toUtf8();
+        if (m_getValue)
+            rc = m_getValue(station, name.constData(), addr, count, kind, data, len, &q);
+        else if (m_getData && (rc = m_getData(station, name.constData(), addr, count, data, len)) == 1)
+            q = LUMBRA_QUALITY_GOOD;
+    }
+    if (quality)
+        *quality = q;
+    return rc;
+}
+
+int CLinkDriver::SetValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data,
+                          int len, int *ticket)
+{
+    int t = 0;
+    int rc = -1;
+    {
+        QMutexLocker lock(&m_mutex);
+        const QByteArray name = reg.toUtf8();
+        if (m_setValue)
+            rc = m_setValue(station, name.constData(), addr, count, kind, data, len, &t);
+        else if (m_setData)
+            rc = m_setData(station, name.constData(), addr, count, data, len);
+    }
+    if (ticket)
+        *ticket = rc == 1 && m_setValue ? qMax(t, 0) : 0;
+    return rc == 1 ? 1 : -1;
+}
+
+int CLinkDriver::WriteState(int ticket, QString *why)
+{
+    char text[128] = {0};
+    int state = LUMBRA_WRITE_DONE;
+    {
+        QMutexLocker lock(&m_mutex);
+        if (m_writeState)
+            state = m_writeState(ticket, text, sizeof text);
+    }
+    text[sizeof text - 1] = '\0';
+    if (why)
+        *why = QString::fromUtf8(text);
+    return state;
+}
+
+void CLinkDriver::CancelWrite(int ticket)
+{
+    QMutexLocker lock(&m_mutex);
+    if (m_cancelWrite)
+        m_cancelWrite(ticket);
+}
+
+void CLinkDriver::setLinkName(int linkId, const QString &name)
+{
+    LinkNames &n = linkNames();
+    QWriteLocker lock(&n.lock);
+    n.names.insert(linkId, name.toUtf8());
 }
 
 // Deliberately without the lock: drivers use it for calls that may come from

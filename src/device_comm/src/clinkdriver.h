@@ -35,6 +35,21 @@ public:
     intf_dealRcvFrame_t GetDF() const { return m_dealRcvFrame; }
     int SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len);
     int GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len);
+    // A value of a LUMBRA_KIND_*, *quality a LUMBRA_QUALITY_*; as
+    // intf_getValue. A driver without it answers through intf_getData: GOOD
+    // when that gave 1, NOT_READ when it gave 0.
+    int GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len, int *quality);
+    // Queues a write: 1 with *ticket > 0 to follow through WriteState, or 1
+    // with *ticket 0 from a driver without tickets (intf_setData), whose
+    // queued write counts as confirmed; -1 when refused.
+    int SetValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data, int len,
+                 int *ticket);
+    // A LUMBRA_WRITE_*; for FAILED, *why says why.
+    int WriteState(int ticket, QString *why);
+    void CancelWrite(int ticket);
+    // The name that the driver's log lines of this link carry; set it before
+    // InitProperty, which tells the driver its link id.
+    static void setLinkName(int linkId, const QString &name);
     int SetFunc(int id, void *arg);
     void SetDisconnect();
     int DealRecvFrame(const QByteArray &frame, QString &text);
@@ -67,4 +82,9 @@ private:
     intf_setS7_Smart_Run_t m_setS7SmartRun = nullptr;
     intf_setStation_t m_setStation = nullptr;
     intf_setFunc_t m_setFunc = nullptr;
+    intf_getValue_t m_getValue = nullptr;
+    intf_setValue_t m_setValue = nullptr;
+    intf_writeState_t m_writeState = nullptr;
+    intf_cancelWrite_t m_cancelWrite = nullptr;
+    intf_setLogCallBack_t m_setLogCallBack = nullptr;
 };

@@ -6,7 +6,7 @@
 #include <QByteArray>
 #include <QHostAddress>
 
-#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <string>
 
@@ -17,23 +17,36 @@ struct Endpoint {
     quint16 port = 0;
 };
 
-// Splits text at ":" (empty parts dropped). False, with a log line naming
-// the text, for fewer than two parts, an address that is not an IPv4/IPv6
-// literal or a port that is not a decimal 16-bit number.
-bool parseSetupText(const std::string &text, Endpoint *out);
+// A socket address of either family, as the socket calls take it.
+struct SockAddr {
+    sockaddr_storage storage{};
+    socklen_t len = 0;
 
-// sockaddr for an IPv4 endpoint; false for anything else.
-bool toSockaddr(const Endpoint &ep, sockaddr_in *out);
-// parseSetupText for the plain-socket ports, which speak IPv4 only.
-bool parseIPv4SetupText(const std::string &text, Endpoint *out, sockaddr_in *addr);
+    int family() const { return storage.ss_family; }
+    const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&storage); }
+    sockaddr *get() { return reinterpret_cast<sockaddr *>(&storage); }
+};
+
+// Splits text at its last ":" into an IPv4 or IPv6 literal (an IPv6 one
+// may stand in [brackets]) and a decimal 16-bit port. False, with a log line
+// naming the text, for anything else.
+bool parseSetupText(const std::string &text, Endpoint *out);
+// The same for the plain-socket ports, which also need the socket address.
+bool parseSetupText(const std::string &text, Endpoint *out, SockAddr *addr);
+
+// The socket address of ep; false when ep holds no IP address.
+bool toSockaddr(const Endpoint &ep, SockAddr *out);
 
 // Waits up to timeoutMs for fd to turn readable, then appends what one read
 // gives. Bytes appended; 0 on time-out; -1 when the peer closed or the
 // socket failed.
 int recvSome(int fd, QByteArray &buffer, int timeoutMs);
-// Writes all len bytes (never raising SIGPIPE); len, or -1 on failure.
-int sendAll(int fd, const char *data, int len);
+// Writes all len bytes (never raising SIGPIPE); len, or -1 on failure. With
+// timeoutMs >= 0 it gives up (-1, errno ETIMEDOUT) once that much time has
+// passed with bytes still unsent, so a peer that stops reading cannot hold
+// the caller; with a negative one it blocks as the socket does.
+int sendAll(int fd, const char *data, int len, int timeoutMs = -1);
 // The peer's address as text, for log lines.
-QString peerText(const sockaddr_in &addr);
+QString peerText(const SockAddr &addr);
 
 }  // namespace lumbra::net

@@ -30,15 +30,15 @@ UClinkTcpServer::~UClinkTcpServer() = default;
 
 bool UClinkTcpServer::setup(const std::string &text)
 {
-    sockaddr_in addr;
-    if (!lumbra::net::parseIPv4SetupText(text, &m_local, &addr))
+    lumbra::net::SockAddr addr;
+    if (!lumbra::net::parseSetupText(text, &m_local, &addr))
         return false;
     QMutexLocker lock(&m_mutex);
     m_client.reset();
-    FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    FdHandle fd(::socket(addr.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     int on = 1;
     if (!fd.valid() || ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || ::listen(fd.get(), kBacklog) != 0) {
+        ::bind(fd.get(), addr.get(), addr.len) != 0 || ::listen(fd.get(), kBacklog) != 0) {
         zlog_error(g_zlog, "iec104 server cannot listen on %s:%s", text.c_str(), std::strerror(errno));
         return false;
     }
@@ -50,10 +50,9 @@ bool UClinkTcpServer::setup(const std::string &text)
 int UClinkTcpServer::accept()
 {
     QMutexLocker lock(&m_mutex);
-    sockaddr_in peer{};
-    socklen_t len = sizeof peer;
-    FdHandle fd(m_listen.valid() ? ::accept4(m_listen.get(), reinterpret_cast<sockaddr *>(&peer), &len, SOCK_CLOEXEC)
-                                 : -1);
+    lumbra::net::SockAddr peer;
+    peer.len = sizeof peer.storage;
+    FdHandle fd(m_listen.valid() ? ::accept4(m_listen.get(), peer.get(), &peer.len, SOCK_CLOEXEC) : -1);
     if (!fd.valid())
         return m_client.valid() ? m_client.get() : -1;
     if (!setTimeout(fd.get(), SO_RCVTIMEO))

@@ -4,20 +4,22 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace {
 
-// Connects with a time-out and hands back a blocking socket; -1 and errno on failure.
-int connectWithin(const sockaddr_in &addr, int timeoutMs)
+const int kDefaultSendTimeoutMs = 1000;
+
+// Connects with a time-out; -1 and errno on failure. The socket stays
+// non-blocking: sends wait for room with a time-out of their own.
+int connectWithin(const lumbra::net::SockAddr &addr, int timeoutMs)
 {
-    FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    FdHandle fd(::socket(addr.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd.valid())
         return -1;
-    if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+    if (::connect(fd.get(), addr.get(), addr.len) != 0) {
         if (errno != EINPROGRESS)
             return -1;
         pollfd p{fd.get(), POLLOUT, 0};
@@ -28,7 +30,6 @@ int connectWithin(const sockaddr_in &addr, int timeoutMs)
             return -1;
         }
     }
-    ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
     return fd.release();
 }
 
@@ -43,11 +44,12 @@ ULinkFreePortTcpClient::~ULinkFreePortTcpClient() = default;
 bool ULinkFreePortTcpClient::setup(const std::string &text)
 {
     lumbra::net::Endpoint peer;
-    sockaddr_in addr;
-    if (!lumbra::net::parseIPv4SetupText(text, &peer, &addr))
+    lumbra::net::SockAddr addr;
+    if (!lumbra::net::parseSetupText(text, &peer, &addr))
         return false;
     QMutexLocker lock(&m_mutex);
     m_peer = peer;
+    m_peerAddr = addr;
     connectPeer();
     return true;
 }
@@ -55,9 +57,7 @@ bool ULinkFreePortTcpClient::setup(const std::string &text)
 // Called with the mutex held.
 bool ULinkFreePortTcpClient::connectPeer()
 {
-    sockaddr_in addr;
-    lumbra::net::toSockaddr(m_peer, &addr);
-    m_fd.reset(connectWithin(addr, kConnectTimeoutMs));
+    m_fd.reset(connectWithin(m_peerAddr, kConnectTimeoutMs));
     if (!m_fd.valid()) {
         zlog_info(g_zlog, "free port connect %s:%u failed:%s", m_peer.address.toString().toLocal8Bit().constData(),
                   m_peer.port, std::strerror(errno));
@@ -78,9 +78,15 @@ int ULinkFreePortTcpClient::Recv(QByteArray &buffer, int timeoutMs)
 int ULinkFreePortTcpClient::Send(const char *data, int len)
 {
     QMutexLocker lock(&m_mutex);
-    int n = lumbra::net::sendAll(m_fd.get(), data, len);
-    if (n < 0)
+    const int timeoutMs = m_linkPar.timeout1 > 0 ? m_linkPar.timeout1 : kDefaultSendTimeoutMs;
+    int n = lumbra::net::sendAll(m_fd.get(), data, len, timeoutMs);
+    if (n < 0 && m_fd.valid()) {
+        // Part of the bytes may have gone: the stream is out of step, so
+        // the script starts again on a fresh connection (Reset).
+        zlog_info(g_zlog, "free port send to %s:%u failed:%s", m_peer.address.toString().toLocal8Bit().constData(),
+                  m_peer.port, std::strerror(errno));
         m_fd.reset();
+    }
     return n;
 }
 

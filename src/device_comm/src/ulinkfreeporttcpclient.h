@@ -24,6 +24,8 @@ public:
     // set-up: Reset connects later.
     bool setup(const std::string &text) override;
     int Recv(QByteArray &buffer, int timeoutMs) override;
+    // Waits for room at most the link's reply time-out ("timeout1", 1 s
+    // when unset); a peer that stops reading then costs the connection.
     int Send(const char *data, int len) override;
     // Connects again; 0 when connected, -1 otherwise.
     int Reset() override;
@@ -38,4 +40,5 @@ private:
     QMutex m_mutex;
     FdHandle m_fd;
     lumbra::net::Endpoint m_peer;
+    lumbra::net::SockAddr m_peerAddr;
 };

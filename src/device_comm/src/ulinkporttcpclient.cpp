@@ -54,14 +54,10 @@ void ULinkPortTcpClient::startConnect()
 {
     m_pending.reset();
     m_connectError = 0;
-    sockaddr_in addr;
-    if (!lumbra::net::toSockaddr(m_peer, &addr)) {
-        m_socket->connectToHost(m_peer.address, m_peer.port);  // IPv6: Qt's own way
-        return;
-    }
-    FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (fd.valid() && (::connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 ||
-                       errno == EINPROGRESS))
+    lumbra::net::SockAddr addr;
+    lumbra::net::toSockaddr(m_peer, &addr);
+    FdHandle fd(::socket(addr.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd.valid() && (::connect(fd.get(), addr.get(), addr.len) == 0 || errno == EINPROGRESS))
         m_pending = std::move(fd);
     else
         m_connectError = errno;
@@ -69,9 +65,8 @@ void ULinkPortTcpClient::startConnect()
 
 bool ULinkPortTcpClient::finishConnect(int timeoutMs)
 {
-    if (!m_pending.valid())  // connected already, failed, or an IPv6 attempt of Qt's own
-        return m_socket->state() == QAbstractSocket::ConnectedState ||
-               (connecting() && m_socket->waitForConnected(timeoutMs));
+    if (!m_pending.valid())  // connected already, or failed
+        return m_socket->state() == QAbstractSocket::ConnectedState;
     pollfd p{m_pending.get(), POLLOUT, 0};
     if (::poll(&p, 1, timeoutMs < 0 ? 0 : timeoutMs) <= 0)
         return false;  // still under way

@@ -18,7 +18,8 @@ bool ULinkPortUdpClient::setup(const std::string &text)
         return false;
     if (!m_socket) {
         m_socket = new QUdpSocket(this);
-        if (!m_socket->bind(QHostAddress(QHostAddress::AnyIPv4), 0)) {
+        const bool v6 = m_peer.address.protocol() == QAbstractSocket::IPv6Protocol;
+        if (!m_socket->bind(QHostAddress(v6 ? QHostAddress::AnyIPv6 : QHostAddress::AnyIPv4), 0)) {
             zlog_error(g_zlog, "udp bind error:%s", m_socket->errorString().toLocal8Bit().constData());
             return false;
         }

@@ -69,8 +69,15 @@ int ULinkThread::getLinkCOMMType(const LinkValue &link)
 
 int ULinkThread::comNumber(const LinkValue &link)
 {
-    int m = link.linkType.indexOf('M');
-    return link.linkType.contains("COM") && m >= 0 ? link.linkType.mid(m + 1).trimmed().toInt() : 0;
+    static const QRegularExpression number("COM\\s*(\\d+)");
+    const QRegularExpressionMatch m = number.match(link.linkType);
+    return m.hasMatch() ? m.captured(1).toInt() : 0;
+}
+
+QString ULinkThread::parityName(const QString &checkBit)
+{
+    const QString upper = checkBit.trimmed().toUpper();
+    return upper == QLatin1String("EVEN") || upper == QLatin1String("ODD") ? upper : QStringLiteral("NONE");
 }
 
 QString ULinkThread::canInterface(const LinkValue &link)
@@ -89,7 +96,7 @@ QString ULinkThread::getLinkCOMMConfig(const LinkValue &link)
             .arg(link.baudrate)
             .arg(link.data_bit)
             .arg(link.stop_bit)
-            .arg(link.check_bit);
+            .arg(parityName(link.check_bit));
     return QString("%1:%2").arg(link.hmi_ip).arg(link.hmi_port);
 }
 
@@ -128,6 +135,20 @@ void ULinkThread::fillLinkInfo(LUMBRA_LINK_INFO &info) const
     lumbra::copyCText(info.station_data_conver, sizeof info.station_data_conver, m_link.station_data_conver);
 }
 
+// Said once here: the port is retried every 10 s and must not repeat it.
+void ULinkThread::checkSerialLink()
+{
+    const int com = comNumber(m_link);
+    m_ttyNumber = com > 0 ? gettyOIDFromComID(com) : -1;
+    if (com <= 0)
+        zlog_error(g_zlog, "link:%s link_type \"%s\" names no COM port number (COM1, COM2, ...): port not opened",
+                   local8(m_linkName).constData(), local8(m_link.linkType).constData());
+    const QString parity = m_link.check_bit.trimmed();
+    if (!parity.isEmpty() && parityName(parity).compare(parity, Qt::CaseInsensitive) != 0)
+        zlog_warn(g_zlog, "link:%s check_bit \"%s\" unknown, no parity", local8(m_linkName).constData(),
+                  local8(parity).constData());
+}
+
 bool ULinkThread::initLib(int linkId, const char *driver, ValueChangedCB valueChangedCB)
 {
     QString path = lumbra::boxPath("/usr/brenta/project/driver/") + QString("lib%1_%2.so").arg(driver).arg(linkId);
@@ -135,6 +156,7 @@ bool ULinkThread::initLib(int linkId, const char *driver, ValueChangedCB valueCh
     auto drv = std::make_unique<CLinkDriver>();
     if (!drv->loadDriver(path, valueChangedCB))
         return false;
+    CLinkDriver::setLinkName(linkId, m_linkName);
     LUMBRA_LINK_INFO info;
     fillLinkInfo(info);
     int size = sizeof info;
@@ -160,7 +182,7 @@ int ULinkThread::InitLink(const LinkValue &link, ValueChangedCB valueChangedCB, 
     m_commConfig = getLinkCOMMConfig(link);
     zlog_info(g_zlog, "CommPar:%s", local8(m_commConfig).constData());
     if (m_commType == 0 || m_commType == 1)
-        m_ttyNumber = gettyOIDFromComID(comNumber(link));
+        checkSerialLink();
     m_replyTimeout = link.timeout1 > 0 ? link.timeout1 : 1000;
     if (link.driver_lib == "mqtt") {
         zlog_info(g_zlog, "driverlib mqtt return");
@@ -192,6 +214,8 @@ int ULinkThread::InitPort()
         return initMPI() >= 0 ? 0 : -1;
     std::string text = m_commConfig.toStdString();
     if (m_commType == 0 || m_commType == 1) {
+        if (m_ttyNumber < 0)
+            return -1;  // no COM number: InitLink said so
         // The serial port opens a ttyO device, so it gets the mapped number and
         // the line mode instead of the COM number.
         QStringList parts = m_commConfig.split('-');
@@ -229,6 +253,8 @@ void ULinkThread::stop()
     m_stopRequested = true;
     m_running = false;
     quit();
+    QMutexLocker lock(&m_exchangeMutex);
+    m_exchanged.wakeAll();  // writers stop waiting for a thread that ends
 }
 
 void ULinkThread::run()
@@ -319,7 +345,11 @@ bool ULinkThread::runTurn()
         return true;
     }
     if (m_commType == 7) {
-        if (m_port->accept() == -1)
+        const int client = m_port->accept();
+        if (client != m_104Client)
+            m_apdus.clear();  // a new connection, a new byte stream
+        m_104Client = client;
+        if (client == -1)
             return false;
         deal_104_msg();
         return true;
@@ -337,35 +367,6 @@ void ULinkThread::setSupend(bool suspend)
     QMutexLocker lock(&m_portMutex);
     if (m_port)
         m_port->setSupendFlag(suspend);
-}
-
-int ULinkThread::SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len)
-{
-    return m_driver ? m_driver->SetValue(station, reg, addr, count, data, len) : -1;
-}
-
-int ULinkThread::GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len)
-{
-    return m_driver ? m_driver->GetValue(station, reg, addr, count, data, len) : -1;
-}
-
-int ULinkThread::AddressMerge(QList<KEY_ADDRESS> &list)
-{
-    return m_driver ? m_driver->AddressMerge(list) : -1;
-}
-
-int ULinkThread::getAddrIndexFromStr(const QString &reg, const QString &addr, int station, int mode)
-{
-    if (!m_driver)
-        return -1;
-    QString text = addr;
-    if (!addr.contains('.') && mode == 0)
-        text += ".0";
-    int index = -1;
-    int rc = m_driver->CheckAddressValidity(reg, text, index, station, mode);
-    if (rc == LUMBRA_ADDR_RETRY_PLAIN && text != addr)
-        rc = m_driver->CheckAddressValidity(reg, addr, index, station, mode);
-    return rc == LUMBRA_ADDR_OK ? index : -1;
 }
 
 int ULinkThread::lLinkSend(const QByteArray &data, int len)

@@ -5,12 +5,14 @@
 
 #include "clinkdriver.h"
 #include "device_comm/linkvalue.h"
+#include "iec104splitter.h"
 #include "lumbra/driver.h"
 
 #include <QByteArray>
 #include <QHash>
 #include <QMutex>
 #include <QThread>
+#include <QWaitCondition>
 
 #include <atomic>
 #include <memory>
@@ -39,14 +41,26 @@ public:
     static int getLinkCOMMType(const LinkValue &link);
     static QString getLinkCOMMConfig(const LinkValue &link);
     static int gettyOIDFromComID(int comId);
-    // The COM number of a serial link ("COM3" -> 3), or 0.
+    // The COM number of a serial link ("COM3" -> 3), or 0 when the link type
+    // names none ("COM", "COMx", "COM0").
     static int comNumber(const LinkValue &link);
+    // "NONE", "EVEN" or "ODD" for a link's "check_bit", any case; anything
+    // else, an empty text included, means no parity.
+    static QString parityName(const QString &checkBit);
     // The SocketCAN interface of a CAN link: its type in lower case ("CAN1"
     // -> "can1"), "can0" for a bare "CAN".
     static QString canInterface(const LinkValue &link);
 
-    int SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len);
-    int GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len);
+    // A value as a LUMBRA_KIND_* with its LUMBRA_QUALITY_* (CLinkDriver).
+    int GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len, int *quality);
+    // Hands a write to the driver and waits for the device's answer, at most
+    // waitMs, without touching the port: the link thread may sit in a reply
+    // time-out or a reconnect meanwhile. 1 when confirmed; -1 when refused,
+    // unanswered or not sent in time (it is then cancelled), *why says which.
+    int WriteValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data, int len,
+                   int waitMs, QString *why);
+    // The reply time-out: "timeout1", 1000 ms when unset.
+    int replyTimeout() const { return m_replyTimeout; }
     int AddressMerge(QList<KEY_ADDRESS> &list);
     int setFunc(int id, void *arg) { return m_driver ? m_driver->SetFunc(id, arg) : -1; }
     int getAddrIndexFromStr(const QString &reg, const QString &addr, int station, int mode);
@@ -90,12 +104,21 @@ private:
     void deal_104_msg();
     void dealRecvFrameResult(int result, const QString &text);
     void actOnMasterResult(int result);
+    bool awaitReply(int *result, QString *text);
+    void replyFailed();
+    void dealApdus(bool client);
+    int dealFrame(const QByteArray &frame, QString &text);
+    void exchangeDone();
+    int awaitWrite(int ticket, int waitMs, QString *text);
     int initMPI();
     void dealMPI();
     int sendFrame();
-    bool fetchSendFrame();
+    // 0 when the driver has no frame to send, LUMBRA_FRAME_NO_REPLY for one
+    // that gets no answer, 1 for a request.
+    int fetchSendFrame();
     void writeStatusBit(int address, int value);
     void fillLinkInfo(LUMBRA_LINK_INFO &info) const;
+    void checkSerialLink();
     int portNumber() const;
     void pause(int ms);
 
@@ -123,4 +146,10 @@ private:
     ErrorCB m_errorCB = nullptr;
     int m_silenceMs = 0;
     qint64 m_last104Rx = 0;
+    Iec104Splitter m_apdus;
+    int m_104Client = -1;
+    // Writers wait here for the exchanges that may answer their writes.
+    QMutex m_exchangeMutex;
+    QWaitCondition m_exchanged;
+    std::atomic<int> m_writeWaiters{0};
 };

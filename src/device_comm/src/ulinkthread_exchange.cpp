@@ -5,20 +5,27 @@
 #include "ulinkport.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
+
+#undef LUMBRA_LOG_FILE
+#define LUMBRA_LOG_FILE "device_comm/src/ulinkthread.cpp"
 
 namespace {
 
 const int kFailurePauseMs = 1000;
 const int kIec104SilenceLimitMs = 20000;
+// Slaves need a moment to act on a broadcast before the next request.
+const int kTurnaroundMs = 100;
 
 }  // namespace
 
-bool ULinkThread::fetchSendFrame()
+int ULinkThread::fetchSendFrame()
 {
     m_sendFrame.len = 0;
-    if (m_driver->GetSendFrame(m_sendFrame) <= 0)
-        return false;
-    return m_sendFrame.len >= 1 && m_sendFrame.len < LUMBRA_FRAME_SIZE;
+    const int rc = m_driver->GetSendFrame(m_sendFrame);
+    if (rc <= 0 || m_sendFrame.len < 1 || m_sendFrame.len >= LUMBRA_FRAME_SIZE)
+        return 0;
+    return rc == LUMBRA_FRAME_NO_REPLY ? LUMBRA_FRAME_NO_REPLY : 1;
 }
 
 int ULinkThread::sendFrame()
@@ -26,12 +33,21 @@ int ULinkThread::sendFrame()
     return m_port->Send(reinterpret_cast<const char *>(m_sendFrame.data), m_sendFrame.len);
 }
 
+int ULinkThread::dealFrame(const QByteArray &frame, QString &text)
+{
+    const int result = m_driver->DealRecvFrame(frame, text);
+    if (result != LUMBRA_RESULT_NEED_MORE)
+        exchangeDone();
+    return result;
+}
+
 // False when the driver had nothing to send.
 bool ULinkThread::deal_Protocol()
 {
     QByteArray stale;
     m_port->Recv(stale, 0);
-    if (!fetchSendFrame())
+    const int frame = fetchSendFrame();
+    if (!frame)
         return false;
     stale.clear();
     m_port->Recv(stale, 0);
@@ -39,23 +55,65 @@ bool ULinkThread::deal_Protocol()
     if (sendFrame() < 0) {
         m_port->Reset();
         setSpeAddrComError(false);
+        exchangeDone();
         pause(kFailurePauseMs);
         return true;
     }
-    if (m_port->Recv(m_recvBuf, m_replyTimeout) < 0) {
-        m_port->Reset();
-        pause(kFailurePauseMs);
-        setSpeAddrComError(false);
-        setSpeAddrStationError(m_station, false);
+    if (frame == LUMBRA_FRAME_NO_REPLY) {
+        exchangeDone();  // a broadcast write is done once it went out
+        pause(qMin(kTurnaroundMs, m_replyTimeout));
         return true;
     }
+    int result = 0;
     QString text;
-    int result = m_driver->DealRecvFrame(m_recvBuf, text);
+    if (!awaitReply(&result, &text))
+        return true;
     if (result != LUMBRA_RESULT_NEW_PORT_SETUP)
         m_station = text;
     actOnMasterResult(result);
     dealRecvFrameResult(result, text);
     return true;
+}
+
+// Hands the driver what came back, again with every new piece while it asks
+// for more, until the reply time-out counted from the send has passed; then
+// once with nothing, which means no reply. False when the port failed.
+bool ULinkThread::awaitReply(int *result, QString *text)
+{
+    QElapsedTimer sent;
+    sent.start();
+    for (;;) {
+        const qint64 before = sent.elapsed();
+        const int left = static_cast<int>(qMax<qint64>(0, m_replyTimeout - before));
+        int n = m_port->Recv(m_recvBuf, left);
+        // A UDP client reports silence as a failure; after the first
+        // datagram of a reply it only means that no more came.
+        if (n < 0 && m_commType == ULinkPort::PORT_UDP_CLIENT && !m_recvBuf.isEmpty())
+            n = 0;
+        if (n < 0) {
+            replyFailed();
+            return false;
+        }
+        if (n > 0 && (*result = dealFrame(m_recvBuf, *text)) != LUMBRA_RESULT_NEED_MORE)
+            return true;
+        if (sent.elapsed() >= m_replyTimeout)
+            break;
+        if (n == 0 && sent.elapsed() == before)
+            QThread::msleep(1);  // a port that does not wait must not make us spin
+    }
+    // What came stays in the buffer: a peer that said something is not a
+    // peer that is gone (actOnMasterResult).
+    *result = dealFrame(QByteArray(), *text);
+    return true;
+}
+
+void ULinkThread::replyFailed()
+{
+    m_port->Reset();
+    exchangeDone();
+    pause(kFailurePauseMs);
+    setSpeAddrComError(false);
+    setSpeAddrStationError(m_station, false);
 }
 
 void ULinkThread::actOnMasterResult(int result)
@@ -107,7 +165,7 @@ void ULinkThread::dealSlave()
         return;
     }
     QString text;
-    int result = m_driver->DealRecvFrame(m_recvBuf, text);
+    int result = dealFrame(m_recvBuf, text);
     if (n >= 1 && result == LUMBRA_RESULT_SLAVE_REPLY) {
         if (fetchSendFrame())
             sendFrame();
@@ -129,7 +187,7 @@ void ULinkThread::serveClientRequest(const QByteArray &request, QByteArray *repl
     if (!m_driver || m_suspended)
         return;
     QString text;
-    int result = m_driver->DealRecvFrame(request, text);
+    int result = dealFrame(request, text);
     if (result == LUMBRA_RESULT_SLAVE_REPLY && fetchSendFrame())
         *reply = QByteArray(reinterpret_cast<const char *>(m_sendFrame.data), m_sendFrame.len);
     m_sendFrame.len = 0;
@@ -142,6 +200,7 @@ void ULinkThread::dealIec104Client()
 {
     if (m_port->commStatus() == 0) {
         m_port->Reset();
+        m_apdus.clear();
         pause(kFailurePauseMs);
         m_driver->SetValue(0, QString(), 0, 0, nullptr, 1);  // connection restarted
     }
@@ -149,9 +208,8 @@ void ULinkThread::dealIec104Client()
         setSpeAddrComError(sendFrame() >= 1);
     m_recvBuf.clear();
     if (m_port->Recv(m_recvBuf, m_replyTimeout) > 0) {
-        QString text;
-        int result = m_driver->DealRecvFrame(m_recvBuf, text);
-        setSpeAddrComError(result != LUMBRA_RESULT_INCOMPLETE);
+        m_apdus.append(m_recvBuf);
+        dealApdus(true);
         m_silenceMs = 0;
     } else {
         m_silenceMs += 5;
@@ -163,8 +221,24 @@ void ULinkThread::dealIec104Client()
     m_cycleDelay = 5;
 }
 
-// IEC 104 server: one turn per accepted connection; replies go out after
-// each APDU, since the driver answers them one by one.
+// Every complete APDU to the driver. A server sends each answer as soon as
+// the driver has one, since it answers them one by one; a client reports the
+// link from each and sends on its next turn.
+void ULinkThread::dealApdus(bool client)
+{
+    QByteArray apdu;
+    while (m_apdus.next(&apdu)) {
+        QString text;
+        const int result = dealFrame(apdu, text);
+        if (client)
+            setSpeAddrComError(result != LUMBRA_RESULT_INCOMPLETE);
+        else if (fetchSendFrame() && m_sendFrame.len > 3)
+            sendFrame();
+    }
+}
+
+// IEC 104 server: one turn per accepted connection. A new connection starts
+// a new byte stream, so what was held of the old one goes.
 void ULinkThread::deal_104_msg()
 {
     m_recvBuf.clear();
@@ -172,6 +246,8 @@ void ULinkThread::deal_104_msg()
     qint64 now = QDateTime::currentMSecsSinceEpoch();
     if (m_last104Rx == 0)
         m_last104Rx = now;
+    if (n < 0)
+        m_apdus.clear();
     if (n <= 0) {
         if (now - m_last104Rx >= kIec104SilenceLimitMs) {
             m_driver->SetValue(0, QString(), 0, 0, nullptr, 1);
@@ -180,28 +256,8 @@ void ULinkThread::deal_104_msg()
         return;
     }
     m_last104Rx = now;
-    int pos = 0;
-    while (pos < m_recvBuf.size()) {
-        int start = m_recvBuf.indexOf(char(0x68), pos);
-        if (start < 0) {
-            zlog_info(g_zlog, "%s %d Sticking package parsing error fail return;", __func__, __LINE__);
-            return;
-        }
-        if (start + 1 >= m_recvBuf.size()) {
-            zlog_info(g_zlog, "%s %d Sticking package parsing error return;", __func__, __LINE__);
-            return;
-        }
-        int total = 2 + static_cast<uint8_t>(m_recvBuf.at(start + 1));
-        if (start + total > m_recvBuf.size()) {
-            zlog_info(g_zlog, "%s %d Sticking package parsing error return;", __func__, __LINE__);
-            return;
-        }
-        QString text;
-        m_driver->DealRecvFrame(m_recvBuf.mid(start, total), text);
-        if (fetchSendFrame() && m_sendFrame.len > 3)
-            sendFrame();
-        pos = start + total;
-    }
+    m_apdus.append(m_recvBuf);
+    dealApdus(false);
 }
 
 int ULinkThread::initMPI()
