@@ -227,22 +227,11 @@ void Macro::addGetdataKey(const QString &key)
 
 void Macro::externalAddr()
 {
-    QList<KEY_ADDRESS> keys;
-    for (const AddressInfo &a : m_externalAddrs) {
-        if (communication::getLocalIndex(a.reg) != -1)
-            continue;
+    for (const AddressInfo &a : qAsConst(m_externalAddrs))
         zlog_debug(g_zlog, "link:%s reg:%s sta:%d len:%d str_addr:%s dataTYpe:%d intaddr:%d",
                    local8(a.link).constData(), local8(a.reg).constData(), a.station, a.length,
                    local8(a.addr).constData(), a.type, a.index);
-        const KEY_ADDRESS key =
-            ExternalAddrTable::makeKey(a.link, a.reg, a.addr, a.station, a.length, EXTERNAL_ADDR_MACRO, a.index);
-        bool known = false;
-        for (const KEY_ADDRESS &k : keys)
-            known = known || std::memcmp(&k, &key, sizeof key) == 0;
-        if (!known)
-            keys << key;
-    }
-    communication::getInstance()->setExternalAddrInfo(keys, EXTERNAL_ADDR_MACRO);
+    lumbra::registerExternalAddrs(m_externalAddrs, EXTERNAL_ADDR_MACRO);
 }
 
 void Macro::clearTables()

@@ -54,8 +54,8 @@ void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer)
         seen.insert(id);
         keys.append(ExternalAddrTable::makeAddr(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
     }
-    if (!keys.isEmpty())
-        communication::getInstance()->setExternalAddrInfo(keys, consumer);
+    // Even an empty list: what the consumer no longer reads stops being polled.
+    communication::getInstance()->setExternalAddrInfo(keys, consumer);
 }
 
 }  // namespace lumbra

@@ -14,3 +14,12 @@ add_dependencies(modbus_rtu_link_test modbus_rtu)
 lumbra_add_test(modbus_tcp_link_test SOURCES modbus_tcp_link_test.cpp LIBS lumbra_device_comm)
 target_compile_definitions(modbus_tcp_link_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
 add_dependencies(modbus_tcp_link_test modbus_tcp)
+
+lumbra_add_test(field_test SOURCES field_test.cpp LIBS lumbra_device_comm)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(FIELD_TEST_MODBUS REQUIRED libmodbus)
+target_include_directories(field_test PRIVATE ${FIELD_TEST_MODBUS_INCLUDE_DIRS})
+target_link_libraries(field_test PRIVATE ${FIELD_TEST_MODBUS_LIBRARIES})
+target_compile_definitions(field_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>"
+  MODBUS_RTU_DRIVER="$<TARGET_FILE:modbus_rtu>" LUMBRA_PLCSIM_BINARY="$<TARGET_FILE:lumbra-plcsim>")
+add_dependencies(field_test modbus_tcp modbus_rtu lumbra-plcsim)

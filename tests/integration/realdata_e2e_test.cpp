@@ -1,6 +1,9 @@
 // The running gateway uploads a Modbus TCP slave's registers to a nanomsg
 // peer standing in for the local agent.
+#include "SQLiteDB/SQLiteDB.h"
+#include "fragmentproxy.h"
 #include "gatewaybox.h"
+#include "tcplink.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -8,6 +11,8 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
+#include <modbus.h>
 
 using namespace lumbra::test;
 
@@ -142,4 +147,74 @@ TEST_F(RealTimeUpload, UploadTimeTenSendsAfterTheFirstSecondThenEveryTenSeconds)
     EXPECT_FALSE(next(8500).ok());
     ASSERT_TRUE(next(3000).ok());
     EXPECT_NEAR(t.elapsed() - first, 10000, 1200);
+}
+
+// The simulated PLC lacks registers 52 and 54, inside the block the points
+// 50-54 merge into; later it dies behind a proxy that keeps the connection.
+// Nothing the device did not send may leave the box or raise an alarm.
+TEST_F(RealTimeUpload, ValuesTheDeviceDidNotSendAreNeverUploadedStoredOrAlarmed)
+{
+    QTemporaryDir simDir;
+    ChildProcess sim;
+    const int simPort = freeTcpPort();
+    ASSERT_TRUE(sim.start(LUMBRA_PLCSIM_BINARY, {"--tcp", QString::number(simPort), "--holes", "52,54"}, simDir.path()));
+    ASSERT_TRUE(sim.waitForOutput("plcsim: Modbus TCP on", 5000));
+    FragmentProxy proxy(simPort);
+    ASSERT_TRUE(proxy.ok());
+    {
+        std::unique_ptr<modbus_t, void (*)(modbus_t *)> m(modbus_new_tcp("127.0.0.1", simPort), modbus_free);
+        const uint16_t low[] = {510, 0}, high[] = {513};
+        ASSERT_EQ(modbus_connect(m.get()), 0);
+        modbus_set_slave(m.get(), 1);
+        ASSERT_EQ(modbus_write_registers(m.get(), 50, 2, low), 2);
+        ASSERT_EQ(modbus_write_registers(m.get(), 53, 1, high), 1);
+        modbus_close(m.get());
+    }
+    box.writeConfig("LinkConfiguration.json", ("{\"data\":[" + tcpLinkJson(proxy.port(), 20) + "]}").toUtf8());
+    const QString u16 = R"("data_type":0)";
+    const auto alarm = [](int index, int no) {
+        return QString(R"({"index":%1,"alarm_level":1,"condition":4,"data_type":0,"limit_value":"1",)"
+                       R"("data_readAddress":{"link":"PLC1","block":"4X","no":"%2","sta":1,"length":1}})")
+            .arg(index)
+            .arg(no);
+    };
+    box.writeConfig("AlarmConfiguration.json",
+                    QString(R"({"upload_func_state":true,"data":[%1,%2]})").arg(alarm(1, 52), alarm(2, 51)).toUtf8());
+    box.writeConfig("HistoryConfiguration.json",
+                    QString(R"({"upload_func_state":true,"data":[{"group_id":1,"sample_method":1,)"
+                            R"("sample_interval":"0,0,1","sample_data":[%1,%2]}]})")
+                        .arg(pointJson(1, u16, "4X", "50"), pointJson(2, u16, "4X", "52"))
+                        .toUtf8());
+    start(R"("global_upload_time":0)", {pointJson(1, u16, "4X", "50"), pointJson(2, u16, "4X", "52"),
+                                        pointJson(3, u16, "4X", "53"), pointJson(4, u16, "4X", "54"),
+                                        pointJson(5, u16, "4X", "51")});
+    ASSERT_TRUE(box.cloudUp());
+
+    // Only what exists, for several passes; the real zero alarms, the hole does not.
+    ASSERT_TRUE(eventuallyUploads({{1, "510"}, {3, "513"}, {5, "0"}}));
+    for (int pass = 0; pass < 3; ++pass)
+        EXPECT_EQ(values(next()), (QMap<int, QString>{{1, "510"}, {3, "513"}, {5, "0"}}));
+    const auto column = [&](const char *file, const char *sql) {
+        SQLiteDB db((box.workPath() + "/" + file).toLocal8Bit().constData());
+        QStringList cells;
+        db.select(sql, cells);
+        return cells;
+    };
+    const auto alarmEvents = [&] { return column("alarm_iot.db", "select alarm_id, type from alarmdata"); };
+    const auto rows = [&] { return column("history_iot.db", "select data from historydata where sampleID=1"); };
+    EXPECT_EQ(agent->receiveTopic("/DevSend/Alarm", 3000).msg.value("alarm_index").toInt(), 2);
+    EXPECT_EQ(alarmEvents(), (QStringList{"2", "1"}));  // the real zero alarmed, the hole did not
+    ASSERT_TRUE(eventually([&] { return !rows().isEmpty(); }, 5000));
+    EXPECT_EQ(rows().first(), "510\n");
+
+    // Dead: nothing left to upload, empty fields stored, no recovery raised.
+    proxy.setDeviceDead(true);
+    EXPECT_TRUE(eventually([&] { return rows().contains("\n"); }, 8000)) << rows().join('|').toStdString();
+    while (next(300).ok()) {
+    }
+    EXPECT_FALSE(next(2500).ok());
+    EXPECT_EQ(alarmEvents(), (QStringList{"2", "1"}));
+    proxy.setDeviceDead(false);
+    EXPECT_TRUE(eventuallyUploads({{1, "510"}, {3, "513"}, {5, "0"}}, 15000));
+    EXPECT_TRUE(gw().running());
 }
