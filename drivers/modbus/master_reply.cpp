@@ -121,9 +121,11 @@ void Master::finishWrite(int state, const char *reason)
     if (m_writes.empty())
         return;
     const WriteOp &op = m_writes.front();
+    // A script that writes a dead device in a loop must not fill the log.
     if (state == LUMBRA_WRITE_FAILED)
-        m_log.line(LUMBRA_LOG_WARN, "write to station %d %s %d%s refused: %s", op.station, areaName(op.target.area),
-                   m_link.format.number(op.target.address), op.target.bitOfWord() ? " (bit)" : "", reason);
+        m_log.limited(faultKey(Fault::WriteFailed, op.station, op.target.area, op.target.address), LUMBRA_LOG_WARN,
+                      "write to station %d %s %d%s refused: %s", op.station, areaName(op.target.area),
+                      m_link.format.number(op.target.address), op.target.bitOfWord() ? " (bit)" : "", reason);
     m_writes.finishFront(state, reason);
 }
 

@@ -42,8 +42,9 @@ class Plc {
 public:
     bool startTcp(const QStringList &extra = {})
     {
-        if (!m_sim.start(LUMBRA_PLCSIM_BINARY, QStringList{"--tcp", QString::number(m_port)} + extra, m_dir.path()) ||
-            !m_sim.waitForOutput("plcsim: Modbus TCP on", 5000))
+        m_sim = std::make_unique<ChildProcess>();
+        if (!m_sim->start(LUMBRA_PLCSIM_BINARY, QStringList{"--tcp", QString::number(m_port)} + extra, m_dir.path()) ||
+            !m_sim->waitForOutput("plcsim: Modbus TCP on", 5000))
             return false;
         m_master.reset(modbus_new_tcp("127.0.0.1", m_port));
         modbus_set_slave(m_master.get(), 1);
@@ -51,9 +52,10 @@ public:
     }
     bool startRtu(const QString &link, const QStringList &extra)
     {
-        return m_sim.start(LUMBRA_PLCSIM_BINARY, QStringList{"--rtu", "--link", link, "--baud", "115200"} + extra,
-                           m_dir.path()) &&
-               m_sim.waitForOutput("plcsim: Modbus RTU on", 5000);
+        m_sim = std::make_unique<ChildProcess>();
+        return m_sim->start(LUMBRA_PLCSIM_BINARY, QStringList{"--rtu", "--link", link, "--baud", "115200"} + extra,
+                            m_dir.path()) &&
+               m_sim->waitForOutput("plcsim: Modbus RTU on", 5000);
     }
     int port() const { return m_port; }
     bool words(int addr, const std::vector<uint16_t> &w)
@@ -66,11 +68,11 @@ public:
         return modbus_write_bits(m_master.get(), addr, static_cast<int>(b.size()), b.data()) ==
                static_cast<int>(b.size());
     }
-    QString output() { return m_sim.output(); }
+    void stop() { m_sim->stop(); }
 
 private:
     QTemporaryDir m_dir;
-    ChildProcess m_sim;
+    std::unique_ptr<ChildProcess> m_sim;
     int m_port = freeTcpPort();
     std::unique_ptr<modbus_t, MasterFree> m_master;
 };
@@ -428,4 +430,28 @@ TEST_F(Field, WriteToADeadSlaveReturnsWithinOneReplyTimeOut)
         return comm->setCommValue("PLC1", "4X", points[0].index, 1, 1, reinterpret_cast<uchar *>(&v), 2,
                                   LUMBRA_KIND_16BIT) == 1;
     }, 10000));
+}
+
+// The device goes away with its connection: what it sent before stops being
+// current, whatever way the port fails, and comes back with the device.
+TEST_F(Field, AGoneDeviceLeavesNoCurrentValue)
+{
+    ASSERT_TRUE(plc.startTcp({"--registers", "200"}));
+    ASSERT_NO_FATAL_FAILURE(seedPattern());
+    startLinks({tcpLink("PLC1", plc.port(), R"("timeout1":300,"retry_times":1)")});
+    ASSERT_NO_FATAL_FAILURE(poll("PLC1"));
+    ASSERT_TRUE(eventually([&] { return allRight("PLC1"); }));
+    plc.stop();
+    EXPECT_TRUE(eventually([&] {
+        for (const Point &p : points)
+            if (check("PLC1", p) != -1)
+                return false;
+        return true;
+    }, 10000)) << log.text().toStdString();
+    EXPECT_EQ(localBit(kLinkFailedBit), 1);
+    ASSERT_TRUE(plc.startTcp({"--registers", "200"}));
+    points.clear();
+    ASSERT_NO_FATAL_FAILURE(seedPattern());
+    ASSERT_NO_FATAL_FAILURE(poll("PLC1"));
+    EXPECT_TRUE(eventually([&] { return allRight("PLC1"); }, 40000)) << log.text().toStdString();
 }

@@ -158,6 +158,14 @@ TEST_F(LinkManagerTest, ReadsReportOnlyWhatTheDeviceSentAsGood)
     EXPECT_EQ(counter("GOOD", CNT_LAST_KIND), LUMBRA_KIND_32BIT);  // the kind reaches the driver
 }
 
+// A UDP port reports silence as a failed receive: the driver must still hear
+// of every exchange that got no reply, or it would never count a failure.
+TEST_F(LinkManagerTest, ExchangesLostToAFailingPortReachTheDriverAsNoReply)
+{
+    startLinks({link("MUTE", freeTcpPort(), "")});
+    EXPECT_TRUE(eventually([&] { return counter("MUTE", CNT_DEALT) >= 2; }, 5000));
+}
+
 TEST_F(LinkManagerTest, WritesAreConfirmedRefusedOrGivenUpAfterTheReplyTimeOut)
 {
     std::atomic<const char *> writeReply{"OK"};

@@ -106,6 +106,7 @@ private:
     void actOnMasterResult(int result);
     bool awaitReply(int *result, QString *text);
     void replyFailed();
+    void exchangeLost();
     void dealApdus(bool client);
     int dealFrame(const QByteArray &frame, QString &text);
     void exchangeDone();

@@ -53,9 +53,9 @@ bool ULinkThread::deal_Protocol()
     m_port->Recv(stale, 0);
     m_recvBuf.clear();
     if (sendFrame() < 0) {
+        exchangeLost();
         m_port->Reset();
         setSpeAddrComError(false);
-        exchangeDone();
         pause(kFailurePauseMs);
         return true;
     }
@@ -107,10 +107,19 @@ bool ULinkThread::awaitReply(int *result, QString *text)
     return true;
 }
 
+// The port failed before a reply could come. The driver must hear of it as
+// an exchange without a reply, or it would send the request again for ever
+// without counting a failure, and its values would stay current.
+void ULinkThread::exchangeLost()
+{
+    QString text;
+    dealFrame(QByteArray(), text);
+}
+
 void ULinkThread::replyFailed()
 {
+    exchangeLost();
     m_port->Reset();
-    exchangeDone();
     pause(kFailurePauseMs);
     setSpeAddrComError(false);
     setSpeAddrStationError(m_station, false);
