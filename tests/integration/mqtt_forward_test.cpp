@@ -68,7 +68,8 @@ protected:
         if (HasFatalFailure())
             return;
         const QString rtd = R"({"upload_func_state":false,"global_upload_time":0,"data":[%1,%2]})";
-        work.write("iotRunTime/RealTimeConfiguration.json", rtd.arg(point(1, 1), point(2, 2)).toUtf8());
+        // Point 2 lies beyond the slave's registers: the device refuses it.
+        work.write("iotRunTime/RealTimeConfiguration.json", rtd.arg(point(1, 1), point(2, 3000)).toUtf8());
         RealData::getInstance()->init();
     }
     void TearDown() override
@@ -117,7 +118,9 @@ TEST_F(Forwarding, TopicsCarryValuesAlarmsAndSystemVariables)
                R"("limit_value":"10","data_readAddress":{"link":"PLC1","block":"4X","no":"6","sta":1,"length":1}}]})");
     AlarmData::getInstance()->init();
     startForwarding({server(1, broker.port(),
-                            {topic("RTDSend", "plant/rtd", R"({"t":%value_1%,"sn":"%sn%","ts":%timestamp%,"at":"%datetime%"})"),
+                            {topic("RTDSend", "plant/rtd",
+                                   R"({"t":%value_1%,"q":"%quality_1%","v2":"%value_2%","q2":"%quality_2%",)"
+                                   R"("sn":"%sn%","ts":%timestamp%,"at":"%datetime%"})"),
                              topic("RTDSend", "plant/bad", R"({"t":%value_9%})"), topic("OnlineMessage", "plant/online", ""),
                              topic("AlarmSend", "plant/alarm", "", R"("config_ids":"7",)")},
                             {})});
@@ -127,6 +130,9 @@ TEST_F(Forwarding, TopicsCarryValuesAlarmsAndSystemVariables)
     ASSERT_GE(rtd.size(), 2);
     const QJsonObject first = json(rtd.last().payload);
     EXPECT_EQ(first.value("t").toInt(), 22);
+    EXPECT_EQ(first.value("q").toString(), "good");
+    EXPECT_EQ(first.value("v2").toString(), "");  // never sent by the device, so nothing to show
+    EXPECT_EQ(first.value("q2").toString(), "bad");
     EXPECT_LE(std::abs(first.value("ts").toDouble() + g_zonetime - QDateTime::currentSecsSinceEpoch()), 3);
     EXPECT_EQ(QDateTime::fromString(first.value("at").toString(), "yyyy-MM-dd hh:mm:ss").isValid(), true);
     slave->setHolding(1, 23);

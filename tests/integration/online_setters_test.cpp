@@ -175,12 +175,13 @@ TEST_F(OnlineSet, WrittenValuesReachTheDeviceAndAreReported)
     start({point(1, -1, "0X", 0), point(2, 0, "4X", 0), point(3, 2, "4X", 1, R"("data_devimalDigits":2,)"),
            point(4, 1, "4X", 2), point(5, 4, "4X", 4),
            point(6, 6, "4X", 5, R"("data_deal_type":1,"zoom_ratio":"2","zoom_offset":"1",)"),
-           point(7, 7, "4X", 7, R"("data_totalDigits":6,)"), point(8, 0, "4X", 10), point(9, 4, "4X", 10)},
+           point(7, 7, "4X", 7, R"("data_totalDigits":6,)"), point(8, 0, "4X", 10), point(9, 4, "4X", 10),
+           point(10, 0, "4X", 3000)},
           "false");
     const char *const items[][2] = {{"1", "3"}, {"2", "65000"}, {"3", "-0.29"}, {"4", "100000"}, {"5", "1234"},
                                     {"6", "5"}, {"7", "Pump01X"},
-                                    // Not written: no value of the type, no such point.
-                                    {"8", "-5"}, {"9", "12G4"}, {"99", "1"}, {"x", "1"}};
+                                    // Not written: no value of the type, no such point, refused by the device.
+                                    {"8", "-5"}, {"9", "12G4"}, {"99", "1"}, {"x", "1"}, {"10", "1"}};
     QJsonArray request;
     for (const auto &item : items)
         request.append(QJsonObject{{"data_code", item[0]}, {"data_value", item[1]}});
@@ -190,6 +191,8 @@ TEST_F(OnlineSet, WrittenValuesReachTheDeviceAndAreReported)
     for (const QJsonValue &v : agent.receiveTopic("/DevSend/RTD", 3000).msg["data"].toArray())
         reported << v["code"].toString() + "=" + v["data"].toString();
     EXPECT_EQ(reported.join(' '), "1=3 2=65000 3=-0.29 4=100000 5=1234 6=5 7=Pump01X");
+    EXPECT_TRUE(log.contains("WriteData code:10 link:PLC1 reg:4X no:3000 not written: exception 2 (illegal data address)"))
+        << log.text().toStdString();
     // 32-bit values high word first (0x40000000 is 2.0f, the 5 unscaled),
     // text high byte first.
     const QList<uint16_t> want{65000, uint16_t(-29), 0x0001, 0x86A0, 0x1234, 0x4000, 0,
