@@ -11,9 +11,6 @@ lumbra_add_test(modbus_rtu_link_test SOURCES modbus_rtu_link_test.cpp LIBS lumbr
 target_compile_definitions(modbus_rtu_link_test PRIVATE MODBUS_RTU_DRIVER="$<TARGET_FILE:modbus_rtu>")
 add_dependencies(modbus_rtu_link_test modbus_rtu)
 
-lumbra_add_test(modbus_tcp_link_test SOURCES modbus_tcp_link_test.cpp LIBS lumbra_device_comm)
-target_compile_definitions(modbus_tcp_link_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
-add_dependencies(modbus_tcp_link_test modbus_tcp)
 
 lumbra_add_test(field_test SOURCES field_test.cpp LIBS lumbra_device_comm)
 find_package(PkgConfig REQUIRED)

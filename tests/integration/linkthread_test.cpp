@@ -210,27 +210,6 @@ TEST_F(LinkThreadTest, ReplyInPiecesReachesTheDriverWholeUntilTheTimeOut)
     }
 }
 
-TEST_F(LinkThreadTest, TcpReplyInSegmentsReachesTheDriverWhole)
-{
-    stageDriver();
-    TcpListener server;
-    LinkValue l = link("need=6;results=1");
-    l.linkType = "Ethernet/TCP";
-    l.hmi_ip = "127.0.0.1";
-    l.hmi_port = static_cast<quint16>(server.port());
-    l.timeout1 = 400;
-    ASSERT_EQ(start(l), 0);
-    FdEnd plc = server.accept(3000);
-    ASSERT_TRUE(plc.ok());
-    EXPECT_EQ(plc.read(4, 3000), "REQ0");
-    ASSERT_TRUE(plc.write("AB"));
-    QThread::msleep(60);
-    ASSERT_TRUE(plc.write("CDEF"));
-    EXPECT_TRUE(eventually([&] { return counter(CNT_DEALT) >= 1; }));
-    EXPECT_EQ(lastBuffer(), "ABCDEF");
-    EXPECT_EQ(counter(CNT_NEED_MORE), 1);
-}
-
 TEST_F(LinkThreadTest, FramesWithoutAReplyGoOutAfterATurnaroundPause)
 {
     openLine();

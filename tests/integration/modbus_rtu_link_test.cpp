@@ -29,7 +29,7 @@ protected:
     std::unique_ptr<PtyPair> line;
     std::unique_ptr<ModbusSlave> slave;
     communication *comm = communication::getInstance();
-    int hr = -1, coil = -1, f32 = -1, bitOfWord = -1;
+    int hr = -1;
 
     void SetUp() override
     {
@@ -47,18 +47,8 @@ protected:
                        .toUtf8());
         comm->initLinks();
         hr = comm->getIndexFromAddr("PLC1", "4X", "10", 1, 1);
-        coil = comm->getIndexFromAddr("PLC1", "0X", "5", 1, 0);
-        f32 = comm->getIndexFromAddr("PLC1", "4X", "20", 1, 1);
-        bitOfWord = comm->getIndexFromAddr("PLC1", "4X", "30.2", 1, 0);
         ASSERT_GE(hr, 0);
-        ASSERT_GE(coil, 0);
-        ASSERT_GE(f32, 0);
-        ASSERT_GE(bitOfWord, 0);
-        comm->setExternalAddrInfo({ExternalAddrTable::makeKey("PLC1", "4X", "10", 1, 1, 0, hr),
-                                   ExternalAddrTable::makeKey("PLC1", "0X", "5", 1, 1, 0, coil),
-                                   ExternalAddrTable::makeKey("PLC1", "4X", "30.2", 1, 1, 0, bitOfWord)},
-                                  0);
-        comm->setExternalAddrInfo({ExternalAddrTable::makeKey("PLC1", "4X", "20", 1, 2, 3, f32)}, 3);
+        comm->setExternalAddrInfo({ExternalAddrTable::makeAddr("PLC1", "4X", "10", 1, 1, 0, hr)}, 0);
         comm->enableExternalAddrInfo(true);
     }
 
@@ -68,48 +58,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(RtuLink, RegisteredValuesArePolledFromTheSlave)
-{
-    slave->setHolding(10, 1234);
-    slave->setCoil(5, true);
-    slave->setHolding(30, 0x0004);
-    float f = 21.5f;
-    uint32_t raw;
-    std::memcpy(&raw, &f, 4);
-    slave->setHolding(20, raw >> 16);  // high word first
-    slave->setHolding(21, raw & 0xFFFF);
-
-    EXPECT_TRUE(eventually([&] { return word(hr) == 1234; }));
-    EXPECT_TRUE(eventually([&] {
-        uchar c = 0;
-        comm->getCommValue("PLC1", "0X", coil, 1, 1, &c, 1);
-        return c == 1;
-    }));
-    EXPECT_TRUE(eventually([&] {
-        uchar b = 0;
-        comm->getCommValue("PLC1", "4X", bitOfWord, 1, 1, &b, 1);
-        return b == 1;
-    }));
-    EXPECT_TRUE(eventually([&] {
-        float got = 0;
-        comm->getCommValue("PLC1", "4X", f32, 1, 2, reinterpret_cast<uchar *>(&got));
-        return got == 21.5f;
-    }));
-    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0; }));
-    EXPECT_TRUE(log.contains("link:PLC1 polls 4 addresses"));
-}
-
-TEST_F(RtuLink, WritesReachTheSlaveAndReadBack)
-{
-    uint16_t v = 4321;
-    EXPECT_EQ(comm->setCommValue("PLC1", "4X", hr, 1, 1, reinterpret_cast<uchar *>(&v)), 1);
-    EXPECT_TRUE(eventually([&] { return slave->holding(10) == 4321; }));
-    EXPECT_TRUE(eventually([&] { return word(hr) == 4321; }));
-    uchar on = 1;
-    EXPECT_EQ(comm->setCommValue("PLC1", "0X", coil, 1, 1, &on, 1), 1);
-    EXPECT_TRUE(eventually([&] { return slave->coil(5); }));
-}
 
 TEST_F(RtuLink, DeadSlaveSetsTheStatusBitAndRecoveryClearsIt)
 {

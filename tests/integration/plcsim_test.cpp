@@ -2,7 +2,6 @@
 // writes, several masters and unit ids on TCP, RTU through the pty link, the
 // device faults it plays on request, and the command line's refusals.
 #include "fdend.h"
-#include "fragmentproxy.h"
 #include "process.h"
 #include "testsupport.h"
 
@@ -80,18 +79,6 @@ QByteArray mbapRead(int tid, int unit, int addr, int count)
     const char adu[] = {char(tid >> 8), char(tid), 0, 0, 0, 6, char(unit), 3, char(addr >> 8), char(addr),
                         char(count >> 8), char(count)};
     return QByteArray(adu, sizeof adu);
-}
-
-// body with its CRC-16 appended, low byte first: an RTU frame.
-QByteArray rtuFrame(const QByteArray &body)
-{
-    uint16_t crc = 0xFFFF;
-    for (char c : body) {
-        crc ^= static_cast<uint8_t>(c);
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1;
-    }
-    return body + char(crc & 0xFF) + char(crc >> 8);
 }
 
 // 0 when the request by function code succeeded, else errno.
@@ -438,97 +425,4 @@ TEST_F(PlcSim, RepliesCarryTheConfiguredUnit)
     EXPECT_TRUE(c.read(1, 300).isEmpty());
 }
 
-TEST_F(PlcSim, NoisePrecedesEveryRtuReply)
-{
-    ASSERT_NO_FATAL_FAILURE(startRtu({"--noise", "8"}));
-    FdEnd line(link());
-    ASSERT_TRUE(line.ok());
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(line.write(rtuFrame(QByteArray::fromHex("0103001E0001"))));
-        const QByteArray got = line.read(8 + 7, 1000);
-        ASSERT_EQ(got.size(), 15) << got.toHex().toStdString();
-        const QByteArray reply = got.mid(8);
-        EXPECT_EQ(reply.left(3), QByteArray::fromHex("010302"));
-        EXPECT_EQ(rtuFrame(reply.left(5)), reply) << "no valid frame after the noise";
-        EXPECT_TRUE(line.read(1, 100).isEmpty());
-    }
-}
 
-using Mode = FragmentProxy::Mode;
-
-TEST_F(PlcSim, ProxyCutsRepliesWhileMastersStillReadThem)
-{
-    ASSERT_NO_FATAL_FAILURE(startTcp({}));
-    FragmentProxy proxy(port);
-    ASSERT_TRUE(proxy.ok());
-    Master m = tcpMaster(proxy.port(), 1);
-    ASSERT_TRUE(m);
-    std::vector<uint16_t> pattern;
-    for (int i = 0; i < 10; ++i)
-        pattern.push_back(static_cast<uint16_t>(0x4100 + i));
-    ASSERT_EQ(modbus_write_registers(m.get(), 21, 10, pattern.data()), 10);
-    // One connection through every mode in turn; a reply of 10 registers is 29 bytes.
-    const struct {
-        Mode mode;
-        int splitAt;
-        uint64_t chunksPerReply;
-    } cases[] = {{Mode::Split, 5, 2}, {Mode::Split, 0, 2}, {Mode::Bytewise, 5, 29}, {Mode::Pass, 5, 1}};
-    for (const auto &c : cases) {
-        FragmentProxy::Shape shape;
-        shape.mode = c.mode;
-        shape.splitAt = c.splitAt;
-        proxy.setShape(shape);
-        const FragmentProxy::Counters before = proxy.counters();
-        for (int i = 0; i < 3; ++i)
-            EXPECT_EQ(words(m.get(), 21, 10), pattern) << int(c.mode);
-        EXPECT_TRUE(eventually([&] { return proxy.counters().toClientBytes - before.toClientBytes == 3 * 29; }, 1000));
-        const FragmentProxy::Counters after = proxy.counters();
-        EXPECT_EQ(after.toClientChunks - before.toClientChunks, 3 * c.chunksPerReply) << int(c.mode);
-        EXPECT_EQ(after.toDeviceBytes - before.toDeviceBytes, 3u * 12);
-        EXPECT_EQ(after.toDeviceChunks - before.toDeviceChunks, 3u);
-    }
-    EXPECT_EQ(proxy.counters().connections, 1);
-}
-
-TEST_F(PlcSim, ProxyGluesAHeldReplyBeforeTheNext)
-{
-    ASSERT_NO_FATAL_FAILURE(startTcp({}));
-    FragmentProxy proxy(port, Mode::StaleTail);
-    FragmentProxy::Shape shape;
-    shape.mode = Mode::StaleTail;
-    shape.staleEvery = 2;
-    proxy.setShape(shape);
-    FdEnd c = tcpConnect(proxy.port());
-    ASSERT_TRUE(proxy.ok() && c.ok());
-    ASSERT_TRUE(c.write(mbapRead(1, 1, 21, 1)));
-    EXPECT_EQ(c.read(11, 1000).left(2), QByteArray::fromHex("0001"));
-    ASSERT_TRUE(c.write(mbapRead(2, 1, 21, 1)));
-    EXPECT_TRUE(c.read(11, 300).isEmpty()) << "the second reply should be held";
-    const uint64_t chunks = proxy.counters().toClientChunks;
-    ASSERT_TRUE(c.write(mbapRead(3, 1, 21, 1)));
-    const QByteArray both = c.read(22, 1000);
-    ASSERT_EQ(both.size(), 22);
-    EXPECT_EQ(both.left(2), QByteArray::fromHex("0002"));
-    EXPECT_EQ(both.mid(11, 2), QByteArray::fromHex("0003"));
-    EXPECT_EQ(proxy.counters().toClientChunks, chunks + 1);
-}
-
-TEST_F(PlcSim, ProxyPlaysADeviceThatDiesWithoutClosing)
-{
-    ASSERT_NO_FATAL_FAILURE(startTcp({}));
-    FragmentProxy proxy(port, Mode::Pass, "::1");
-    ASSERT_TRUE(proxy.ok());
-    Master m = connected(modbus_new_tcp_pi("::1", QByteArray::number(proxy.port()).constData()), 1, 300);
-    ASSERT_TRUE(m);
-    EXPECT_EQ(words(m.get(), 21, 1).size(), 1u);
-    proxy.setDeviceDead(true);
-    EXPECT_TRUE(words(m.get(), 21, 1).empty());
-    EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_EQ(proxy.counters().swallowedBytes, 11u);
-    EXPECT_EQ(proxy.counters().open, 1);
-    proxy.setDeviceDead(false);
-    EXPECT_EQ(words(m.get(), 21, 1).size(), 1u);
-    // A test proxy never reaches beyond this machine.
-    EXPECT_FALSE(FragmentProxy(port, Mode::Pass, "127.0.0.1", "192.0.2.1").ok());
-    EXPECT_FALSE(FragmentProxy(port, Mode::Pass, "0.0.0.0").ok());
-}

@@ -223,25 +223,6 @@ TEST_P(ModbusTcp, SilentStationFailsAfterItsRetriesSitsOutTheRoundAndRecovers)
     }
 }
 
-TEST_P(ModbusPeer, AMapThatShrinksUnderAMergedReadIsReadApart)
-{
-    setHolding({{195, 11}, {202, 99}});
-    KEY_ADDRESS keys[] = {key("4X", "195"), key("4X", "202")};
-    ASSERT_EQ(d->merge(keys, 2), 1);
-    uint16_t v = 0;
-    ASSERT_TRUE(pollUntil([&] { return get("4X", "202", 1, &v) == 1; }));
-
-    // The device now ends at 199: the block 195-202 is refused as a whole,
-    // then read apart, so 195 still reads and only 202 is marked.
-    slave->setHoldingCount(200);
-    setHolding({{195, 12}});
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(turn(), LUMBRA_RESULT_GOOD) << "an exception is an answer";
-    EXPECT_EQ(std::make_tuple(get("4X", "195", 1, &v), v, quality("195")), std::make_tuple(1, 12, 0));
-    EXPECT_EQ(std::make_tuple(get("4X", "202", 1, &v), v, quality("202")),
-              std::make_tuple(1, 99, LUMBRA_QUALITY_REFUSED));
-}
-
 TEST_P(ModbusTcp, BlocksRespectRequestLimitsAndTheGapRule)
 {
     std::vector<KEY_ADDRESS> coils;
