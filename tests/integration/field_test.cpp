@@ -206,6 +206,7 @@ struct Cut {
     const char *name;
     FragmentProxy::Shape shape;
     int timeoutMs;
+    const char *replyUnit;  // the unit id the device answers with, whatever was asked; null: the one asked
 };
 
 class FieldCut : public Field, public ::testing::WithParamInterface<Cut> {};
@@ -215,7 +216,9 @@ class FieldCut : public Field, public ::testing::WithParamInterface<Cut> {};
 // No retries: a single poll that failed would show as a station down.
 TEST_P(FieldCut, RepliesCutApartReadRightAndNoPollFails)
 {
-    ASSERT_TRUE(plc.startTcp({"--registers", "200"}));
+    const char *unit = GetParam().replyUnit;
+    ASSERT_TRUE(plc.startTcp(unit ? QStringList{"--registers", "200", "--reply-unit", unit}
+                                  : QStringList{"--registers", "200"}));
     ASSERT_NO_FATAL_FAILURE(seedPattern());
     FragmentProxy proxy(plc.port());
     ASSERT_TRUE(proxy.ok());
@@ -232,13 +235,16 @@ TEST_P(FieldCut, RepliesCutApartReadRightAndNoPollFails)
     EXPECT_GE(after.toClientChunks - before.toClientChunks, 2 * requests - 2);
     for (const char *failure : {"does not answer", "truncated", "bad reply", "communication failed"})
         EXPECT_FALSE(log.contains(failure)) << failure << "\n" << log.text().toStdString();
+    if (unit) {
+        EXPECT_EQ(log.count(QString("station 1 answers with unit id %1").arg(unit)), 1);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Proxy, FieldCut,
-    ::testing::Values(Cut{"InsideTheHeader", {FragmentProxy::Mode::Split, 5, 30, 2, 3}, 500},
-                      Cut{"AtRandom", {FragmentProxy::Mode::Split, 0, 30, 2, 3}, 500},
-                      Cut{"ByteByByte", {FragmentProxy::Mode::Bytewise, 5, 30, 2, 3}, 1500}),
+    ::testing::Values(Cut{"InsideTheHeader", {FragmentProxy::Mode::Split, 5, 30, 2, 3}, 500, nullptr},
+                      Cut{"AtRandomFromUnit255", {FragmentProxy::Mode::Split, 0, 30, 2, 3}, 500, "255"},
+                      Cut{"ByteByByteFromUnit0", {FragmentProxy::Mode::Bytewise, 5, 30, 2, 3}, 1500, "0"}),
     [](const ::testing::TestParamInfo<Cut> &i) { return std::string(i.param.name); });
 
 // A reply held back past its time-out arrives glued before the answer to the
