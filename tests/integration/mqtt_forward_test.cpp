@@ -67,9 +67,10 @@ protected:
         CloudLinkFixture::SetUp();
         if (HasFatalFailure())
             return;
-        const QString rtd = R"({"upload_func_state":false,"global_upload_time":0,"data":[%1,%2]})";
-        // Point 2 lies beyond the slave's registers: the device refuses it.
-        work.write("iotRunTime/RealTimeConfiguration.json", rtd.arg(point(1, 1), point(2, 3000)).toUtf8());
+        const QString rtd = R"({"upload_func_state":false,"global_upload_time":0,"data":[%1,%2,%3]})";
+        // Point 3 lies beyond the slave's registers: the device refuses it.
+        work.write("iotRunTime/RealTimeConfiguration.json",
+                   rtd.arg(point(1, 1), point(2, 2), point(3, 3000)).toUtf8());
         RealData::getInstance()->init();
     }
     void TearDown() override
@@ -119,7 +120,7 @@ TEST_F(Forwarding, TopicsCarryValuesAlarmsAndSystemVariables)
     AlarmData::getInstance()->init();
     startForwarding({server(1, broker.port(),
                             {topic("RTDSend", "plant/rtd",
-                                   R"({"t":%value_1%,"q":"%quality_1%","v2":"%value_2%","q2":"%quality_2%",)"
+                                   R"({"t":%value_1%,"q":"%quality_1%","v3":"%value_3%","q3":"%quality_3%",)"
                                    R"("sn":"%sn%","ts":%timestamp%,"at":"%datetime%"})"),
                              topic("RTDSend", "plant/bad", R"({"t":%value_9%})"), topic("OnlineMessage", "plant/online", ""),
                              topic("AlarmSend", "plant/alarm", "", R"("config_ids":"7",)")},
@@ -131,8 +132,8 @@ TEST_F(Forwarding, TopicsCarryValuesAlarmsAndSystemVariables)
     const QJsonObject first = json(rtd.last().payload);
     EXPECT_EQ(first.value("t").toInt(), 22);
     EXPECT_EQ(first.value("q").toString(), "good");
-    EXPECT_EQ(first.value("v2").toString(), "");  // never sent by the device, so nothing to show
-    EXPECT_EQ(first.value("q2").toString(), "bad");
+    EXPECT_EQ(first.value("v3").toString(), "");  // never sent by the device, so nothing to show
+    EXPECT_EQ(first.value("q3").toString(), "bad");
     EXPECT_LE(std::abs(first.value("ts").toDouble() + g_zonetime - QDateTime::currentSecsSinceEpoch()), 3);
     EXPECT_EQ(QDateTime::fromString(first.value("at").toString(), "yyyy-MM-dd hh:mm:ss").isValid(), true);
     slave->setHolding(1, 23);
