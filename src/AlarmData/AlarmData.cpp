@@ -1,6 +1,6 @@
 #include "AlarmData.h"
 
-#include "IotToMqttComm/IotToMqttComm.h"
+#include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
 #include "alarmvalue.h"
 #include "device_comm/addressjson.h"
@@ -195,9 +195,7 @@ void AlarmData::run()
             evaluateLocked();
             timerRefreshData();
         }
-        // Outside the lock: a send waits up to 5 s for an absent agent, and
-        // acknowledgements must get through meanwhile.
-        if (m_sendFlag && IotToMqttComm::getInstance()->MqttStatus()) {
+        if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
             m_sendFlag = false;
             sendData();
         }
@@ -407,7 +405,7 @@ void AlarmData::sendData()
             return;
         wasAcked = m_ackReceived.exchange(false);
     }
-    if (IotToMqttComm::getInstance()->MqttMsgSend(topic, text, zip, 0) >= 0)
+    if (Outbox::getInstance()->post(topic, text, zip, 0, Outbox::Stored))
         return;
     // The message never left: no acknowledgement can come for it, and after
     // an acknowledged one the next tick should try again, not wait 3 s.

@@ -2,7 +2,7 @@
 
 #include "hisdata_p.h"
 
-#include "IotToMqttComm/IotToMqttComm.h"
+#include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
 #include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
@@ -203,7 +203,7 @@ void HistoricalData::tick()
             sampleGroup(group);
         timerRefreshData();
     }
-    if (m_sendFlag && IotToMqttComm::getInstance()->MqttStatus()) {
+    if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
         m_sendFlag = false;
         sendData();
     }
@@ -403,7 +403,7 @@ void HistoricalData::sendData()
     const bool zip = m_compress;
     const char *topic = zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData";
     for (const QByteArray &text : takeBatches())
-        IotToMqttComm::getInstance()->MqttMsgSend(topic, QString::fromUtf8(text), zip, 0);
+        Outbox::getInstance()->post(topic, QString::fromUtf8(text), zip, 0, Outbox::Stored);
 }
 
 void HistoricalData::AckdelHisData(unsigned int groupId)

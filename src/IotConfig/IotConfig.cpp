@@ -1,6 +1,6 @@
 #include "IotConfig.h"
 
-#include "IotToMqttComm/IotToMqttComm.h"
+#include "Outbox/Outbox.h"
 #include "deviceInfo/deviceInfo.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
@@ -103,13 +103,12 @@ bool IotConfig::waitFor(int ms)
     return !m_stopRequested;
 }
 
+// Queued until the agent takes it: an agent that is not up yet gets it when
+// it comes.
 bool IotConfig::announce()
 {
-    const int rc =
-        IotToMqttComm::getInstance()->MqttMsgSend("/DevSend/DevConfigReq", deviceInfo::getInstance()->DevInfoJson(),
-                                                  false, 0);
-    // 0 is "not sent, try again"; an error is not worth repeating the announcement for.
-    if (rc != 0)
+    if (Outbox::getInstance()->post("/DevSend/DevConfigReq", deviceInfo::getInstance()->DevInfoJson(), false, 0,
+                                    Outbox::Ordered))
         return true;
     waitFor(3000);
     return false;
@@ -128,7 +127,7 @@ void IotConfig::run()
     m_running = true;
     bool finished = false;
     while (m_running && !m_stopRequested) {
-        if (!IotToMqttComm::getInstance()->MqttStatus()) {
+        if (!Outbox::getInstance()->cloudUp()) {
             waitFor(3000);
             continue;
         }
@@ -145,7 +144,7 @@ void IotConfig::run()
                                     .arg(deviceInfo::getInstance()->sn(), storedTime(kind));
         // Cleared before sending: a reply quicker than this thread must count.
         m_replied = false;
-        IotToMqttComm::getInstance()->MqttMsgSend(kKinds[kind].request, payload, false, 0);
+        Outbox::getInstance()->post(kKinds[kind].request, payload, false, 0, Outbox::Ordered);
         if (!m_running)
             break;
         waitForReply();
@@ -168,7 +167,7 @@ void IotConfig::finish()
               static_cast<int>(flags));
     if (flags != 0) {
         zlog_info(g_zlog, "exit restart app");
-        IotToMqttComm::getInstance()->msgSend(QString(R"({"topic":"%1"})").arg("restartLumbra"));
+        Outbox::getInstance()->postRaw(QString(R"({"topic":"%1"})").arg("restartLumbra").toUtf8());
         exit(0);
     }
 }

@@ -1,14 +1,10 @@
 #include "IotToMqttComm.h"
 
 #include "IotToMqttComm/MqttMsgEvent.h"
-#include "RealData/RealData.h"
-#include "deviceInfo/deviceInfo.h"
-#include "device_comm/communication.h"
 #include "generalFunc/boxpath.h"
-#include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
-#include "generalFunc/jsonvalue.h"
 
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -16,15 +12,30 @@
 #include <nanomsg/pair.h>
 
 #include <cerrno>
-#include <cstdint>
 
 namespace {
 
-// Screens and scripts see the cloud link through this local word.
-const int kMqttStatusWord = 60830;
-// A send blocks while the agent is away; past this the upload is dropped so
-// that no caller stalls for good.
-const int kSendTimeoutMs = 5000;
+// Only the sender thread waits on a send; an agent that does not take a
+// message within this is gone or stuck, and the cloud counts as down.
+const int kSendTimeoutMs = 1000;
+// An idle link is used this often: a send to an agent that died fails, and
+// the agent answers each state request with its word on the cloud link, so
+// a dead agent, or a fresh one in its place, is noticed within seconds.
+const int kHeartbeatMs = 3000;
+// While the agent is away, it is asked this often whether it is back.
+const int kProbeMs = 1000;
+
+const char kStateRequest[] = "{\"topic\":\"mqtt_status_req\"}";
+
+qint64 monotonicMs()
+{
+    static QElapsedTimer clock = [] {
+        QElapsedTimer t;
+        t.start();
+        return t;
+    }();
+    return clock.elapsed() + 1;  // never 0: 0 means "never"
+}
 
 }  // namespace
 
@@ -66,47 +77,85 @@ void IotToMqttComm::init()
         zlog_info(g_zlog, "nn_connect: %s successed, sock:%d", url.constData(), sock);
     else
         zlog_error(g_zlog, "nn_connect: %s", nn_strerror(nn_errno()));
-
-    // The agent answers with a status notification, which the thread serves.
-    msgSend(QString("{\"topic\":\"%1\"}").arg("mqtt_status_req"));
     m_stopping = false;
+    Outbox::getInstance()->open();
     start();
+    // The first thing the sender does is to ask the agent for its state.
+    m_sender = std::thread([this] { sendLoop(); });
 }
 
 int IotToMqttComm::msgSend(const QString &text)
 {
-    return sendBytes(text.toUtf8());
+    const QByteArray bytes = text.toUtf8();
+    return Outbox::getInstance()->postRaw(bytes) ? bytes.size() : -1;
 }
 
-int IotToMqttComm::sendBytes(const QByteArray &bytes)
-{
-    int rc = nn_send(m_socket, bytes.constData(), static_cast<size_t>(bytes.size()), 0);
-    if (rc < 0)
-        zlog_error(g_zlog, "nn_send:%s \n", nn_strerror(nn_errno()));
-    return rc;
-}
-
-// The envelope is written by hand: a real-time upload of thousands of points
-// would otherwise be copied four times over on its way through a JSON document.
 int IotToMqttComm::MqttMsgSend(const QString &topic, const QString &payload, bool zip, int qos)
 {
-    QByteArray text;
-    text.reserve(payload.size() + topic.size() + 96);
-    text.append("{\"topic\":");
-    lumbra::appendJsonString(text, QString("/%1_%2%3").arg(deviceInfo::getInstance()->sn(), g_IotVersion, topic));
-    text.append(",\"qos\":").append(QByteArray::number(qos)).append(",\"msg\":");
-    lumbra::appendJsonString(text, payload);
-    text.append(",\"zip\":").append(zip ? "true" : "false").append('}');
-    // Back-to-back uploads are spaced so the agent is not flooded.
-    unitTool::delay_ms(5);
-    return sendBytes(text);
+    return Outbox::getInstance()->post(topic, payload, zip, qos, Outbox::Ordered) ? payload.size() : -1;
+}
+
+bool IotToMqttComm::sendBytes(const QByteArray &bytes)
+{
+    const int rc = nn_send(m_socket, bytes.constData(), static_cast<size_t>(bytes.size()), 0);
+    if (rc < 0 && !m_stopping)
+        zlog_error(g_zlog, "nn_send:%s \n", nn_strerror(nn_errno()));
+    return rc >= 0;
+}
+
+// The sender: the only thread that sends. While the agent is away nothing
+// is taken from the outbox (it keeps, coalesces or refuses what services
+// post); the agent is asked every second whether it is back.
+void IotToMqttComm::sendLoop()
+{
+    Outbox *outbox = Outbox::getInstance();
+    qint64 lastSent = 0;
+    bool reachable = false;
+    const auto lost = [&] {
+        if (reachable)
+            zlog_info(g_zlog, "agent does not take messages: cloud link down");
+        reachable = false;
+        m_lastStatus = -1;
+        outbox->agentLost();
+    };
+    while (!m_stopping) {
+        const qint64 now = monotonicMs();
+        if (!reachable || now - lastSent >= kHeartbeatMs) {
+            lastSent = now;
+            if (sendBytes(kStateRequest)) {
+                reachable = true;
+            } else {
+                lost();
+                pauseMs(kProbeMs);
+            }
+            continue;
+        }
+        Outbox::Message m;
+        if (!outbox->take(&m, 200))
+            continue;
+        if (sendBytes(m.text)) {
+            lastSent = now;
+        } else {
+            outbox->putBack(m);
+            lost();
+        }
+    }
+}
+
+void IotToMqttComm::pauseMs(int ms)
+{
+    for (; ms > 0 && !m_stopping; ms -= 50)
+        QThread::msleep(static_cast<unsigned long>(qMin(ms, 50)));
 }
 
 bool IotToMqttComm::stop(int timeoutMs)
 {
     m_stopping = true;
+    Outbox::getInstance()->close();
+    if (m_sender.joinable())
+        m_sender.join();
     int sock = m_socket.exchange(-1);
-    // Closing wakes a receive or send blocked on the socket in another thread.
+    // Closing wakes a receive blocked on the socket in the other thread.
     if (sock >= 0)
         nn_close(sock);
     return timeoutMs < 0 ? wait() : wait(static_cast<unsigned long>(timeoutMs));
@@ -159,14 +208,11 @@ void IotToMqttComm::handleMessage(const QByteArray &data)
         func(obj.value("msg").toString());
 }
 
+// The agent answers every heartbeat: only a change is worth a line.
 void IotToMqttComm::setMqttStatus(bool status)
 {
-    m_mqttStatus = status;
-    uint16_t word = status ? 1 : 0;
-    communication::getInstance()->setLocalValue(LocalRegisters::LW, kMqttStatusWord, 1,
-                                                reinterpret_cast<const uchar *>(&word));
-    // An agent that is back has missed the changes of its time away, so the
-    // next upload carries every point.
-    RealData::getInstance()->setRefreshData(status);
+    Outbox::getInstance()->setCloudState(status);
+    if (m_lastStatus.exchange(status ? 1 : 0) == (status ? 1 : 0))
+        return;
     zlog_info(g_zlog, "get mqtt status:%d", status ? 1 : 0);
 }

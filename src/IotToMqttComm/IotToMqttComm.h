@@ -1,12 +1,16 @@
-// The gateway's one link to the local MQTT agent: a nanomsg PAIR socket over
-// which uploads leave as JSON envelopes and cloud commands and the agent's
-// connection state come back, served by this thread.
+// The gateway's one link to the local MQTT agent: a nanomsg PAIR socket.
+// One thread sends what the services left in the outbox, and watches that
+// the agent is still there; the other receives cloud commands and the
+// agent's word on the cloud link.
 #pragma once
+
+#include "Outbox/Outbox.h"
 
 #include <QString>
 #include <QThread>
 
 #include <atomic>
+#include <thread>
 
 class IotToMqttComm : public QThread {
     Q_OBJECT
@@ -14,23 +18,21 @@ public:
     static IotToMqttComm *getInstance();
     ~IotToMqttComm() override;
 
-    // Connects to the agent, asks for its MQTT state and starts receiving.
-    // A second call while connected does nothing.
+    // Connects to the agent, asks for its MQTT state and starts both threads.
+    // A second call while running does nothing.
     void init();
 
-    // Sends text as it is. Returns nn_send's result: the byte count, or a
-    // negative value when nothing was sent (no socket, or the agent did not
-    // take it within 5 s).
+    // Queue for the agent (through the outbox): the text as it is, or the
+    // payload in the agent's envelope. The queued byte count, or -1 when
+    // nothing was queued. Safe from any thread; never waits.
     int msgSend(const QString &text);
-    // Wraps payload in the agent's envelope under "/<sn>_<version><topic>".
-    // Safe from any thread.
     int MqttMsgSend(const QString &topic, const QString &payload, bool zip, int qos);
-    // Whether the agent last reported its MQTT connection as up.
-    bool MqttStatus() const { return m_mqttStatus; }
+    // Whether the cloud link is up, as the agent last said and no failed
+    // send has contradicted since.
+    bool MqttStatus() const { return Outbox::getInstance()->cloudUp(); }
 
-    // Closes the socket and ends the thread, for an orderly end and tests;
-    // nothing else ever closes it. timeoutMs < 0 waits as long as it takes.
-    // True when the thread has ended.
+    // Closes the socket and ends both threads, for an orderly end and tests.
+    // timeoutMs < 0 waits as long as it takes. True when they have ended.
     bool stop(int timeoutMs = -1);
 
 protected:
@@ -38,11 +40,14 @@ protected:
 
 private:
     IotToMqttComm() = default;
+    void sendLoop();
+    bool sendBytes(const QByteArray &bytes);
+    void pauseMs(int ms);
     void handleMessage(const QByteArray &data);
-    int sendBytes(const QByteArray &bytes);
     void setMqttStatus(bool status);
 
     std::atomic<int> m_socket{-1};
-    std::atomic<bool> m_mqttStatus{false};
     std::atomic<bool> m_stopping{false};
+    std::thread m_sender;
+    std::atomic<int> m_lastStatus{-1};  // the last state logged
 };

@@ -3,7 +3,7 @@
 #include "MqttCliManager.h"
 #include "mqtttopic.h"
 
-#include "IotToMqttComm/IotToMqttComm.h"
+#include "Outbox/Outbox.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "SQLiteDB/SQLiteDB.h"
 #include "deviceInfo/deviceInfo.h"
@@ -232,7 +232,7 @@ void MqttClient::sendStatus(bool connected)
                              .arg(m_settings.configId)
                              .arg(deviceInfo::getInstance()->sn())
                              .arg(connected ? 1 : 0);
-    IotToMqttComm::getInstance()->MqttMsgSend(kStatusTopic, text, false, 0);
+    Outbox::getInstance()->post(kStatusTopic, text, false, 0, Outbox::Ordered);
 }
 
 void MqttClient::subscribeAll()

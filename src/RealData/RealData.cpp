@@ -1,6 +1,6 @@
 #include "RealData.h"
 
-#include "IotToMqttComm/IotToMqttComm.h"
+#include "Outbox/Outbox.h"
 #include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
 #include "deviceInfo/deviceInfo.h"
@@ -128,6 +128,13 @@ void RealData::run()
             QThread::msleep(50);
         if (!m_running)
             break;
+        // A cloud that is back has missed the changes of its time away, so
+        // the next upload carries every point.
+        const quint64 ups = Outbox::getInstance()->upCount();
+        if (ups != m_seenUps) {
+            m_seenUps = ups;
+            m_refreshData = true;
+        }
         if (every > 0 && (tick - 1) % every != 0)
             continue;
         // exchange(): a status notification during the pass asks for the next one.
@@ -192,9 +199,9 @@ void RealData::uploadData(bool changedOnly)
     if (text.isEmpty())
         return;
     if (m_compressed)
-        IotToMqttComm::getInstance()->MqttMsgSend("/DevSend/RTDCompress", text, true, 0);
+        Outbox::getInstance()->post("/DevSend/RTDCompress", text, true, 0, Outbox::Latest);
     else
-        IotToMqttComm::getInstance()->MqttMsgSend("/DevSend/RTD", text, false, 0);
+        Outbox::getInstance()->post("/DevSend/RTD", text, false, 0, Outbox::Latest);
 }
 
 bool RealData::GetDataByCode(const int &code, QString &out)

@@ -103,4 +103,5 @@ private:
     QMap<int, DataCfg_t> m_points;
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_refreshData{false};
+    quint64 m_seenUps = 0;  // the cloud's up count at the last look
 };

@@ -1,6 +1,6 @@
 #include "SoftwareOpt.h"
 
-#include "IotToMqttComm/IotToMqttComm.h"
+#include "Outbox/Outbox.h"
 #include "deviceInfo/deviceInfo.h"
 #include "generalFunc/boxpath.h"
 #include "generalFunc/generalFunc.h"
@@ -224,7 +224,7 @@ void SoftwareOpt::sendAck(const QString &sn, const QString &softwareType, const 
     addField(text, "devOperationType", operationType);
     addField(text, "state", state);
     text += '}';
-    IotToMqttComm::getInstance()->MqttMsgSend(kAckTopic, QString::fromUtf8(text), false, 0);
+    Outbox::getInstance()->post(kAckTopic, QString::fromUtf8(text), false, 0, Outbox::Ordered);
 }
 
 void SoftwareOpt::report(const QString &state)

@@ -1,5 +1,6 @@
 #include "IotToMqttComm/IotToMqttComm.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
+#include "Outbox/Outbox.h"
 #include "agentpeer.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
@@ -172,23 +173,27 @@ TEST_F(AgentBridge, DispatchesOnlyExactKnownTopicsAndOutlivesBadMessages)
     EXPECT_TRUE(log.contains("json data:[1,2] parse fail"));
 }
 
-TEST_F(AgentBridge, SendGivesUpWithoutAgentAndRecoversWhenItReturns)
+// Nothing that posts ever waits for the agent: the sender notices that it is
+// gone, the cloud goes down, and what is kept waits for its return.
+TEST_F(AgentBridge, AnAgentThatGoesAwayTakesTheCloudDownAndKeepsTheRestWaiting)
 {
     LogCapture log;
+    ASSERT_TRUE(s_peer->send("{\"topic\":\"mqtt_status_Notification\",\"status\":true}"));
+    ASSERT_TRUE(eventually([] { return bridge()->MqttStatus(); }, 3000));
     s_peer->close();
     QThread::msleep(300);  // the gateway's side notices the hang-up
 
     QElapsedTimer t;
     t.start();
-    int rc = bridge()->MqttMsgSend("/DevSend/RTD", "{\"lost\":1}", false, 0);
-    qint64 waited = t.elapsed();
-    EXPECT_LT(rc, 0);
-    EXPECT_GE(waited, 4000);
-    EXPECT_LE(waited, 8000);
-    EXPECT_TRUE(log.contains("nn_send:"));
+    EXPECT_GT(bridge()->MqttMsgSend("/DevSend/SoftwareOperationAck", "{\"kept\":1}", false, 0), 0);
+    EXPECT_LT(t.elapsed(), 100);
+    EXPECT_TRUE(eventually([] { return !bridge()->MqttStatus() && statusWord() == 0; }, 6000));
+    EXPECT_TRUE(log.contains("agent does not take messages: cloud link down"));
+    // Its service keeps a stored message and sends it again once the cloud is back.
+    EXPECT_FALSE(Outbox::getInstance()->post("/DevSend/Alarm", "{}", false, 0, Outbox::Stored));
 
     ASSERT_TRUE(s_peer->bind());
-    EXPECT_GT(bridge()->MqttMsgSend("/DevSend/RTD", "{\"back\":1}", false, 0), 0);
-    AgentUpload up = s_peer->receiveTopic("/DevSend/RTD", 3000);
-    EXPECT_EQ(up.msg.value("back").toInt(), 1);  // the dropped upload is gone for good
+    EXPECT_EQ(s_peer->receiveTopic("/DevSend/SoftwareOperationAck", 5000).msg.value("kept").toInt(), 1);
+    ASSERT_TRUE(s_peer->send("{\"topic\":\"mqtt_status_Notification\",\"status\":true}"));
+    EXPECT_TRUE(eventually([] { return bridge()->MqttStatus() && statusWord() == 1; }, 3000));
 }
