@@ -74,11 +74,10 @@ void Outbox::makeRoom(qint64 incoming)
            (static_cast<int>(m_queue.size()) >= kMaxMessages || m_bytes + incoming > kMaxBytes)) {
         if (!dropOldest(Latest) && !dropOldest(Stored))
             dropOldest(Ordered);
-        ++m_dropped;
+        // One line per burst: an agent that is away for an hour must not fill the log.
+        if (++m_dropped == 1 || m_dropped % 1000 == 0)
+            zlog_info(g_zlog, "outbox full: %d messages dropped, oldest first", m_dropped);
     }
-    // One line per burst: an agent that is away for an hour must not fill the log.
-    if (m_dropped == 1 || m_dropped % 1000 == 0)
-        zlog_info(g_zlog, "outbox full: %d messages dropped, oldest first", m_dropped);
 }
 
 bool Outbox::dropOldest(Kind kind)

@@ -1,0 +1,185 @@
+// The whole cloud path through an outage: the gateway on the simulated PLC,
+// lumbra-agent, a real mosquitto and a platform that acknowledges what it
+// gets. The agent is killed for 20 s, or the broker stopped for 60 s, while a
+// value changes every second and an alarm sets and clears three times.
+// History must grow a row a second throughout, and afterwards every sample
+// and every alarm edge must have reached the platform, none stored twice.
+#include "SQLiteDB/SQLiteDB.h"
+#include "ackingcloud.h"
+#include "agentrun.h"
+#include "fdend.h"
+#include "mosquittobroker.h"
+#include "process.h"
+#include "testsupport.h"
+
+#include <QElapsedTimer>
+#include <QSet>
+#include <QThread>
+
+#include <gtest/gtest.h>
+#include <modbus.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+
+using namespace lumbra::test;
+
+namespace {
+
+const int kAlarmCoil = 30;  // a coil the simulator leaves alone
+
+const char kHistory[] = R"({"upload_func_state":true,"compressed":false,"data":[
+  {"group_id":1,"group_name":"counter","sample_interval":"0,0,1","sample_method":1,"sample_data":[
+    {"data_code":1,"data_type":0,"data_readAddress":{"link":"PLC1","block":"4X","no":"0","sta":1,"length":1}}]}]})";
+const char kAlarms[] = R"({"upload_func_state":true,"data":[{"index":1,"alarm_level":1,"condition":0,"data_type":-1,
+  "data_readAddress":{"link":"PLC1","block":"0X","no":"30","sta":1,"length":1}}]})";
+const char kRealTime[] = R"({"upload_func_state":true,"global_upload_time":1,"data":[{"data_code":1,"data_type":0,
+  "data_readAddress":{"link":"PLC1","block":"4X","no":"0","sta":1,"length":1}}]})";
+
+struct MasterFree {
+    void operator()(modbus_t *m) const
+    {
+        modbus_close(m);
+        modbus_free(m);
+    }
+};
+
+class CloudOutage : public ::testing::Test {
+protected:
+    QTemporaryDir work, simDir;
+    BoxRoot root;
+    MosquittoBroker broker;
+    std::unique_ptr<AgentRun> agent;
+    std::unique_ptr<AckingCloud> cloud;
+    ChildProcess sim, gateway;
+    std::unique_ptr<modbus_t, MasterFree> master;
+
+    void SetUp() override
+    {
+        const int simPort = freeTcpPort();
+        ASSERT_TRUE(sim.start(LUMBRA_PLCSIM_BINARY, {"--tcp", QString::number(simPort), "--registers", "200"},
+                              simDir.path()));
+        ASSERT_TRUE(sim.waitForOutput("plcsim: Modbus TCP on", 5000));
+        master.reset(modbus_new_tcp("127.0.0.1", simPort));
+        modbus_set_slave(master.get(), 1);
+        ASSERT_EQ(modbus_connect(master.get()), 0);
+
+        ASSERT_TRUE(broker.start());
+        agent = std::make_unique<AgentRun>(LUMBRA_AGENT_BINARY, broker.port());
+        agent->addConfig("[broker]\nreconnect_max_s = 2\n");
+        cloud = std::make_unique<AckingCloud>(broker.port(), agent->prefix(), 100);
+        ASSERT_TRUE(cloud->connected());
+        ASSERT_TRUE(agent->start());
+
+        root.write("/usr/brenta/iot_conf/sn.conf", AgentRun::kSerial);
+        writeFile(work.path() + "/zlog.conf", "[formats]\ns = \"%V %m%n\"\n[rules]\niot.INFO >stdout; s\n");
+        writeFile(work.path() + "/iotRunTime/driver/libmodbus_tcp.so", readFile(MODBUS_TCP_DRIVER));
+        writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
+                  QString(R"({"data":[{"link_name":"PLC1","link_type":"Ethernet/TCP","link_driver":"modbus_tcp",
+                      "hmi_ip":"127.0.0.1","hmi_port":"%1","plc_id":"1","comm_time":20,"timeout1":300,
+                      "retry_times":1}]})")
+                      .arg(simPort)
+                      .toUtf8());
+        writeFile(work.path() + "/iotRunTime/HistoryConfiguration.json", kHistory);
+        writeFile(work.path() + "/iotRunTime/AlarmConfiguration.json", kAlarms);
+        writeFile(work.path() + "/iotRunTime/RealTimeConfiguration.json", kRealTime);
+        gateway.setEnv("LUMBRA_SYSROOT", root.path());
+        gateway.setEnv("LUMBRA_AGENT_URL", agent->url());
+        ASSERT_TRUE(gateway.start(gatewayBinary(), {}, work.path()));
+        ASSERT_TRUE(gateway.waitForOutput("get mqtt status:1", 15000)) << log();
+    }
+
+    std::string log() { return (gateway.output() + "\n--- agent\n" + agent->output()).toStdString(); }
+
+    void setAlarm(bool on) { ASSERT_EQ(modbus_write_bit(master.get(), kAlarmCoil, on ? 1 : 0), 1); }
+
+    QStringList column(const char *file, const char *sql)
+    {
+        SQLiteDB db((work.path() + "/" + file).toLocal8Bit().constData());
+        QStringList cells;
+        db.select(sql, cells);
+        return cells;
+    }
+    int historyRows() { return column("history_iot.db", "select count(*) from historydata").value(0).toInt(); }
+    int alarmRows() { return column("alarm_iot.db", "select count(*) from alarmdata").value(0).toInt(); }
+    // Samples of one second stored more than once.
+    int storedTwice()
+    {
+        return column("history_iot.db",
+                      "select count(*) from (select datetime from historydata group by sampleID, datetime "
+                      "having count(*) > 1)")
+            .value(0)
+            .toInt();
+    }
+
+    // Over seconds, while the cloud is away: an alarm edge every 3 s (six in
+    // all for 20 s), and history growing every second, never twice a second.
+    void outage(int seconds)
+    {
+        QElapsedTimer t;
+        t.start();
+        int rows = historyRows(), edges = 0;
+        while (t.elapsed() < seconds * 1000) {
+            QThread::msleep(1000);
+            const int now = historyRows();
+            EXPECT_GT(now, rows) << "history stalled after " << t.elapsed() << " ms";
+            rows = now;
+            if (edges < 6 && t.elapsed() >= (edges + 1) * 3000)
+                setAlarm(++edges % 2 == 1);
+        }
+        EXPECT_EQ(edges, 6);
+        EXPECT_EQ(storedTwice(), 0);
+    }
+
+    // Everything stored has been delivered and acknowledged, and the
+    // platform holds one sample for every second of the run and the six
+    // alarm edges, in order.
+    void everythingArrived()
+    {
+        ASSERT_TRUE(eventually([&] { return historyRows() == 0 && alarmRows() == 0; }, 60000))
+            << historyRows() << " history rows and " << alarmRows() << " alarm rows left\n"
+            << log();
+        QList<qint64> seconds;
+        for (const QString &row : QSet<QString>(cloud->historyRows().begin(), cloud->historyRows().end()))
+            seconds << row.section('@', 1).toLongLong();
+        std::sort(seconds.begin(), seconds.end());
+        ASSERT_FALSE(seconds.isEmpty());
+        EXPECT_EQ(seconds.last() - seconds.first() + 1, seconds.size()) << "a second is missing";
+
+        // Resends of an event whose acknowledgement was lost count once.
+        QStringList edges;
+        QSet<QString> seen;
+        for (const QJsonObject &a : cloud->alarms()) {
+            const QString edge = a.value("alarm_time").toString() + " " + a.value("alarm_note").toString();
+            if (!seen.contains(edge)) {
+                seen.insert(edge);
+                edges << a.value("alarm_note").toString();
+            }
+        }
+        EXPECT_EQ(edges, (QStringList{"ON", "OFF", "ON", "OFF", "ON", "OFF"})) << log();
+    }
+};
+
+}  // namespace
+
+TEST_F(CloudOutage, AgentKilledFor20sLosesNothing)
+{
+    ASSERT_TRUE(eventually([&] { return cloud->realTimeCount() > 0; }, 10000)) << log();
+    agent->process().kill();
+    ASSERT_TRUE(gateway.waitForOutput("cloud link down", 8000)) << log();
+    ASSERT_NO_FATAL_FAILURE(outage(20));
+    ASSERT_TRUE(agent->start());
+    ASSERT_NO_FATAL_FAILURE(everythingArrived());
+}
+
+TEST_F(CloudOutage, BrokerStoppedFor60sLosesNothing)
+{
+    ASSERT_TRUE(eventually([&] { return cloud->realTimeCount() > 0; }, 10000)) << log();
+    const int before = gateway.output().count("get mqtt status:0");
+    broker.stop();
+    ASSERT_TRUE(eventually([&] { return gateway.output().count("get mqtt status:0") > before; }, 8000)) << log();
+    ASSERT_NO_FATAL_FAILURE(outage(60));
+    ASSERT_TRUE(broker.start());
+    ASSERT_NO_FATAL_FAILURE(everythingArrived());
+}
