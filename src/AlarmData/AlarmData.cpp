@@ -30,13 +30,14 @@ const lumbra::ConfigFileTexts kEditTexts{"Alarm data config file no such", "alar
 const char kDbFile[] = "alarm_iot.db";
 const char kTable[] = "alarmdata";
 const char kTableForm[] = "CREATE TABLE IF NOT EXISTS %1 (alarm_id INT NOT NULL,level INT, type INT,value TEXT,time INT);";
-const char kOldestRow[] = "select * from alarmdata limit 1";
-const int kRowCells = 5;  // alarm_id, level, type, value, time
+const char kRowColumns[] = "select rowid,alarm_id,level,type,value,time from alarmdata";
+const int kRowCells = 6;  // rowid, alarm_id, level, type, value, time
 
 const unsigned kMaxRows = 50000;
 const int kPruneRows = 2000;
 const int kTickMs = 100;
-const quint64 kResendTicks = 30;
+// An event the platform has not acknowledged goes again after this.
+const qint64 kResendMs = 3000;
 const quint64 kRecountTicks = 6000;
 
 QByteArray local8(const QString &s)
@@ -50,8 +51,9 @@ const char *bitText(bool bit)
 }
 
 // row: the cells of one stored event.
-QJsonObject eventMessage(const QStringList &row, unsigned reqId)
+QJsonObject eventMessage(const QStringList &cells, unsigned reqId)
 {
+    const QStringList row = cells.mid(1);  // without the rowid
     const int level = row.at(1).toInt();
     QJsonObject o{{"alarm_index", row.at(0).toInt()},
                   {"alarm_level", level},
@@ -185,6 +187,8 @@ void AlarmData::run()
         QMutexLocker lock(&m_mutex);
         m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
     }
+    // Evaluation keeps its cadence whatever the cloud does: posting to the
+    // outbox never waits.
     while (m_running) {
         QThread::msleep(kTickMs);
         if (!m_running || !m_uploadFunc)
@@ -193,12 +197,10 @@ void AlarmData::run()
             QMutexLocker lock(&m_mutex);
             ++m_ticks;
             evaluateLocked();
-            timerRefreshData();
+            if (m_ticks % kRecountTicks == 0)
+                m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
         }
-        if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
-            m_sendFlag = false;
-            sendData();
-        }
+        sendData();
     }
     zlog_info(g_zlog, "Alarm task end");
 }
@@ -335,8 +337,7 @@ void AlarmData::dealWordAlarm(AlarmCft_t &alarm)
 
 void AlarmData::raise(AlarmCft_t &alarm, int type, const QString &value)
 {
-    if (insertData(alarm.index, alarm.level, type, value))
-        m_sendFlag = true;
+    insertData(alarm.index, alarm.level, type, value);
     forwardAlarmEvent(alarm.index, type, value);
 }
 
@@ -359,30 +360,37 @@ bool AlarmData::insertData(const int &index, const int &level, const int &type, 
 
 bool AlarmData::delAlarmData(const int &n)
 {
-    const QString sql = QString("delete from %1 where rowid in (select rowid from %1 limit %2)").arg(kTable).arg(n);
+    const QString sql =
+        QString("delete from %1 where rowid in (select rowid from %1 order by rowid limit %2)").arg(kTable).arg(n);
     const bool ok = m_db && m_db->del(sql.toStdString());
     zlog_info(g_zlog, "del data num:%d result:%d", n, ok);
-    // The row in flight is always the oldest, so it went too; a late
-    // acknowledgement must not take the next one, which the cloud never saw.
+    // The row in flight is always the oldest, so it went too: it is not
+    // sent again, and its acknowledgement finds nothing to delete.
     if (ok)
-        m_inFlight = false;
+        m_inFlightRow = -1;
     return ok;
 }
 
+// Called with m_mutex held: the row in flight again, or the oldest one
+// under a new request id. False when there is nothing (more) to send.
 bool AlarmData::nextMessage(QString *topic, QString *text, bool *zip)
 {
     QStringList row;
-    if (!m_db || !m_db->select(kOldestRow, row))
+    const QString sql = m_inFlightRow >= 0 ? QString("%1 where rowid=%2").arg(kRowColumns).arg(m_inFlightRow)
+                                           : QString("%1 order by rowid limit 1").arg(kRowColumns);
+    if (!m_db || !m_db->select(sql.toStdString(), row))
         return false;
     if (row.size() < kRowCells) {
-        zlog_info(g_zlog, "sql:%s data isEmpty", kOldestRow);
+        m_inFlightRow = -1;  // pruned meanwhile
         return false;
     }
-    m_SendId += 1;
-    m_inFlight = true;
+    if (m_inFlightRow < 0) {
+        m_inFlightRow = row.at(0).toLongLong();
+        m_SendId += 1;
+    }
     const QJsonObject o = eventMessage(row, m_SendId);
     *text = QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
-    if (row.at(2).toInt() != EVENT_ALARM) {
+    if (row.at(3).toInt() != EVENT_ALARM) {
         *topic = "/DevSend/AlarmRecover";
         *zip = false;
     } else {
@@ -392,59 +400,52 @@ bool AlarmData::nextMessage(QString *topic, QString *text, bool *zip)
     return true;
 }
 
+// One event in flight at a time, oldest first. It is never replaced by a
+// newer one while in flight, and it keeps its request id when it goes again
+// (after 3 s, or at once when the cloud comes back), so an acknowledgement
+// that crosses a resend still names the message in flight.
 void AlarmData::sendData()
 {
+    Outbox *outbox = Outbox::getInstance();
+    if (!m_uploadFunc || !outbox->cloudUp())
+        return;
     QString topic, text;
     bool zip = false;
-    bool wasAcked;
     {
-        // The id changes under the lock, so an acknowledgement of the
-        // previous id that races this send is refused, not taken for it.
         QMutexLocker lock(&m_mutex);
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        const quint64 ups = outbox->upCount();
+        const bool cloudBack = ups != m_seenUps;
+        m_seenUps = ups;
+        if (m_inFlightRow >= 0 && !cloudBack && now - m_sentAtMs < kResendMs)
+            return;
         if (!nextMessage(&topic, &text, &zip))
             return;
-        wasAcked = m_ackReceived.exchange(false);
+        m_sentAtMs = now;
     }
-    if (Outbox::getInstance()->post(topic, text, zip, 0, Outbox::Stored))
-        return;
-    // The message never left: no acknowledgement can come for it, and after
-    // an acknowledged one the next tick should try again, not wait 3 s.
-    QMutexLocker lock(&m_mutex);
-    m_inFlight = false;
-    if (wasAcked)
-        m_ackReceived = true;
+    // Refused only when the cloud just went down: it goes again when it is back.
+    outbox->post(topic, text, zip, 0, Outbox::Stored);
 }
 
 void AlarmData::MsgAck(unsigned int reqId)
 {
-    QMutexLocker lock(&m_mutex);
-    if (reqId != m_SendId) {
-        zlog_info(g_zlog, "recv msgAck req:%u not eq m_SendId:%u", reqId, m_SendId);
-        return;
+    {
+        QMutexLocker lock(&m_mutex);
+        if (m_inFlightRow < 0 || reqId != m_SendId) {
+            zlog_info(g_zlog, "recv msgAck req:%u not eq m_SendId:%u", reqId, m_SendId);
+            return;
+        }
+        // By rowid: whatever was pruned or added meanwhile, only the row
+        // the platform has is deleted.
+        const bool ok = m_db && m_db->del(QString("delete from %1 where rowid=%2").arg(kTable).arg(m_inFlightRow)
+                                              .toStdString());
+        if (ok && m_dbDataNum > 0)
+            --m_dbDataNum;
+        m_inFlightRow = -1;
+        zlog_info(g_zlog, "recv del Alarm data reqId:%u result:%d m_dbDataNum:%u", reqId, ok, m_dbDataNum);
     }
-    // A repeated acknowledgement would delete a row the cloud never saw.
-    if (!m_inFlight) {
-        zlog_info(g_zlog, "recv msgAck req:%u with no message in flight, ignored", reqId);
-        return;
-    }
-    const bool ok = delAlarmData(1);
-    if (ok && m_dbDataNum > 0)
-        --m_dbDataNum;
-    m_inFlight = false;
-    m_ackReceived = true;
-    zlog_info(g_zlog, "recv del Alarm data reqId:%u result:%d m_dbDataNum:%u", reqId, ok, m_dbDataNum);
-}
-
-// Called with m_mutex held, once per tick.
-void AlarmData::timerRefreshData()
-{
-    if (m_dbDataNum > 0 && (m_ticks % kResendTicks == 0 || m_ackReceived))
-        m_sendFlag = true;
-    if (m_ticks % kRecountTicks == 0) {
-        m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
-        if (m_dbDataNum > 0)
-            m_sendFlag = true;
-    }
+    // The next event goes at once, at the pace of the platform's answers.
+    sendData();
 }
 
 void AlarmData::setConfigFile(const QString &message)

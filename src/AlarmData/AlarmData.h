@@ -60,10 +60,10 @@ public:
     void evaluateAll();
 
     bool insertData(const int &index, const int &level, const int &type, const QString &value);
+    // Sends the event in flight again when due, or the next one.
     void sendData();
     void MsgAck(unsigned int reqId);
     bool delAlarmData(const int &n);
-    void timerRefreshData();
     bool externalAddr();
     void setConfigFile(const QString &message);
 
@@ -97,8 +97,6 @@ private:
     void dealLevelAlarm(AlarmCft_t &alarm, bool activeBit);
     void evaluateLocked();
     void raise(AlarmCft_t &alarm, int type, const QString &value);
-    // The oldest row as a message, under a new request id; false when the
-    // table has none.
     bool nextMessage(QString *topic, QString *text, bool *zip);
 
     QMutex m_mutex;
@@ -107,13 +105,12 @@ private:
     QByteArray m_raw;  // reused by every read of a tick
     quint64 m_ticks = 0;
     unsigned m_dbDataNum = 0;
-    unsigned m_SendId = 0;
-    // A message is out and its acknowledgement may still delete a row.
-    bool m_inFlight = false;
+    unsigned m_SendId = 0;       // the request id of the event in flight
+    qint64 m_inFlightRow = -1;   // its rowid; -1: none in flight
+    qint64 m_sentAtMs = 0;       // when it last went
+    quint64 m_seenUps = 0;       // the outbox's up count at the last send
     std::atomic<bool> m_uploadFunc{false};
     std::atomic<bool> m_compress{false};
-    std::atomic<bool> m_sendFlag{false};
-    std::atomic<bool> m_ackReceived{false};
     std::atomic<bool> m_running{false};
 };
 

@@ -34,7 +34,6 @@ const int kTickMs = 100;
 const int kSleepSliceMs = 20;
 // Ten minutes of enabled ticks between recounts of the table.
 const quint64 kRefreshTicks = 6000;
-const int kBatchRows = 300;
 const unsigned kMaxRows = 100000;
 const int kPruneRows = 2000;
 // A point is read into this many zeroed bytes, a trigger into kTriggerBytes.
@@ -203,7 +202,15 @@ void HistoricalData::tick()
             sampleGroup(group);
         timerRefreshData();
     }
-    if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
+    Outbox *outbox = Outbox::getInstance();
+    // A cloud that is back gets what waited at once.
+    const quint64 ups = outbox->upCount();
+    if (ups != m_seenUps) {
+        m_seenUps = ups;
+        m_sendFlag = true;
+        m_cloudBack = true;
+    }
+    if (m_sendFlag && outbox->cloudUp()) {
         m_sendFlag = false;
         sendData();
     }
@@ -239,7 +246,7 @@ bool HistoricalData::cycleSampleFun(HisDataCfg_t &group)
     if (!periodDue(group))
         return false;
     const bool stored = sampleData(group);
-    if (m_rowCount >= kBatchRows)
+    if (m_rowCount >= lumbra::his::kBatchRows)
         m_sendFlag = true;
     return stored;
 }
@@ -349,18 +356,6 @@ bool HistoricalData::sampleData(HisDataCfg_t &group)
     return true;
 }
 
-bool HistoricalData::delHisData(const int &n)
-{
-    if (!m_db)
-        return false;
-    const bool ok = m_db->del(QString("delete from %1 where rowid in (select rowid from %1 limit %2)")
-                                  .arg(kTable)
-                                  .arg(n)
-                                  .toStdString());
-    zlog_info(g_zlog, "del data num:%d result:%d", n, ok ? 1 : 0);
-    return ok;
-}
-
 // Called with m_mutex held.
 void HistoricalData::timerRefreshData()
 {
@@ -370,59 +365,6 @@ void HistoricalData::timerRefreshData()
     m_db->VACUUM();
     if (m_rowCount >= 1)
         m_sendFlag = true;
-}
-
-QList<QByteArray> HistoricalData::takeBatches()
-{
-    QList<QByteArray> texts;
-    QMutexLocker lock(&m_mutex);
-    QStringList cells;
-    if (!m_db || !m_db->select(QString("select * from %1 limit %2").arg(kTable).arg(kBatchRows).toStdString(), cells))
-        return texts;
-    QMap<unsigned, QList<sendDataTime_t>> groups;
-    for (int i = 0; i + 2 < cells.size(); i += 3)
-        groups[cells.at(i).toUInt()].append(sendDataTime_t{cells.at(i + 1), cells.at(i + 2)});
-    const QString sn = deviceInfo::getInstance()->sn();
-    for (auto it = groups.constBegin(); it != groups.constEnd(); ++it) {
-        zlog_info(g_zlog, "send group id:%d data size:%d", static_cast<int>(it.key()), it.value().size());
-        const QByteArray text = lumbra::his::batchMessage(sn, it.key(), m_formats.value(it.key()), it.value());
-        if (text.isEmpty()) {
-            zlog_error(g_zlog, "json serializer err %s", "empty document");
-            continue;
-        }
-        m_sentRows[it.key()] = it.value().size();
-        texts << text;
-    }
-    return texts;
-}
-
-// Sent outside the mutex: the agent may take seconds to accept a message,
-// and the acknowledgements must not wait for that.
-void HistoricalData::sendData()
-{
-    const bool zip = m_compress;
-    const char *topic = zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData";
-    for (const QByteArray &text : takeBatches())
-        Outbox::getInstance()->post(topic, QString::fromUtf8(text), zip, 0, Outbox::Stored);
-}
-
-void HistoricalData::AckdelHisData(unsigned int groupId)
-{
-    QMutexLocker lock(&m_mutex);
-    // Taken, not read: a second acknowledgement of the same batch must not
-    // delete rows that were never sent.
-    const int n = m_sentRows.take(groupId);
-    bool ok = false;
-    if (m_db) {
-        ok = m_db->del(QString("delete from %1 where rowid in (select rowid from %1 where sampleID='%2' limit %3)")
-                           .arg(kTable)
-                           .arg(groupId)
-                           .arg(n)
-                           .toStdString());
-    }
-    if (ok)
-        m_rowCount -= qMin(m_rowCount, static_cast<unsigned>(n));
-    zlog_info(g_zlog, "recv del data num:%d result:%d", n, ok ? 1 : 0);
 }
 
 void HistoricalData::setConfigFile(const QString &message)
@@ -435,7 +377,7 @@ void HistoricalData::setConfigFile(const QString &message)
 void HistoricalData::dropGroupRows(unsigned groupId)
 {
     // A late acknowledgement of the old batch must not take new rows.
-    m_sentRows.remove(groupId);
+    m_inFlight.remove(groupId);
     QStringList count;
     if (!m_db || !m_db->select(QString("select count(*) from %1 where sampleID=%2").arg(kTable).arg(groupId)
                                    .toStdString(), count) || count.value(0).toUInt() == 0)

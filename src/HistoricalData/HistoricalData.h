@@ -129,9 +129,17 @@ private:
     bool periodDue(HisDataCfg_t &group);
     int triggerState(const HisDataCfg_t &group);
     QString readPoint(const sampData_t &point);
-    // The upload texts of the oldest rows, one per group; remembers each
-    // group's row count for its acknowledgement.
-    QList<QByteArray> takeBatches();
+    // Delivery (hisdelivery.cpp). A batch names the rows it carried, so its
+    // acknowledgement deletes exactly those.
+    struct Batch {
+        QList<qint64> rowids;
+        qint64 sentAtMs = 0;
+    };
+    // Called with m_mutex held: the upload text of the group's batch in
+    // flight, or of its next one; empty when it has nothing to send.
+    QByteArray batchText(unsigned groupId, bool resend);
+    QList<unsigned> groupsWithRows();
+    void postBatch(const QByteArray &text);
     // Called with m_mutex held.
     void dropGroupRows(unsigned groupId);
 
@@ -139,7 +147,9 @@ private:
     std::unique_ptr<SQLiteDB> m_db;
     QList<HisDataCfg_t> m_groups;
     QMap<unsigned, QStringList> m_formats;
-    QMap<unsigned, int> m_sentRows;  // rows of each group's last batch
+    QMap<unsigned, Batch> m_inFlight;  // per group; groups never wait for each other
+    quint64 m_seenUps = 0;             // the outbox's up count at the last look
+    bool m_cloudBack = false;          // batches in flight go again at the next pass
     Clock m_clock = nullptr;
     qint64 m_now = 0;
     quint64 m_ticks = 0;

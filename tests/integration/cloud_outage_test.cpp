@@ -90,7 +90,14 @@ protected:
         ASSERT_TRUE(gateway.waitForOutput("get mqtt status:1", 15000)) << log();
     }
 
-    std::string log() { return (gateway.output() + "\n--- agent\n" + agent->output()).toStdString(); }
+    std::string log()
+    {
+        gateway.waitForOutput("\x01", 200);  // never printed: only reads what is there
+        agent->process().waitForOutput("\x01", 200);
+        return (QString("gateway %1\n").arg(gateway.running() ? "running" : "gone") + gateway.output() +
+                "\n--- agent\n" + agent->output())
+            .toStdString();
+    }
 
     void setAlarm(bool on) { ASSERT_EQ(modbus_write_bit(master.get(), kAlarmCoil, on ? 1 : 0), 1); }
 
@@ -119,15 +126,20 @@ protected:
     {
         QElapsedTimer t;
         t.start();
-        int rows = historyRows(), edges = 0;
+        const int first = historyRows();
+        QList<int> seen{first};
+        int edges = 0;
         while (t.elapsed() < seconds * 1000) {
             QThread::msleep(1000);
-            const int now = historyRows();
-            EXPECT_GT(now, rows) << "history stalled after " << t.elapsed() << " ms";
-            rows = now;
+            seen << historyRows();
+            // A row a second: over any two seconds at least one more.
+            if (seen.size() >= 3) {
+                EXPECT_GT(seen.last(), seen.at(seen.size() - 3)) << "history stalled after " << t.elapsed() << " ms";
+            }
             if (edges < 6 && t.elapsed() >= (edges + 1) * 3000)
                 setAlarm(++edges % 2 == 1);
         }
+        EXPECT_GE(seen.last() - first, seconds - 2);
         EXPECT_EQ(edges, 6);
         EXPECT_EQ(storedTwice(), 0);
     }
@@ -141,7 +153,8 @@ protected:
             << historyRows() << " history rows and " << alarmRows() << " alarm rows left\n"
             << log();
         QList<qint64> seconds;
-        for (const QString &row : QSet<QString>(cloud->historyRows().begin(), cloud->historyRows().end()))
+        const QStringList rows = cloud->historyRows();
+        for (const QString &row : QSet<QString>(rows.begin(), rows.end()))
             seconds << row.section('@', 1).toLongLong();
         std::sort(seconds.begin(), seconds.end());
         ASSERT_FALSE(seconds.isEmpty());
@@ -170,6 +183,7 @@ TEST_F(CloudOutage, AgentKilledFor20sLosesNothing)
     ASSERT_TRUE(gateway.waitForOutput("cloud link down", 8000)) << log();
     ASSERT_NO_FATAL_FAILURE(outage(20));
     ASSERT_TRUE(agent->start());
+    ASSERT_TRUE(agent->waitUntil([&] { return agent->count("gateway socket bound") == 2; }, 5000)) << log();
     ASSERT_NO_FATAL_FAILURE(everythingArrived());
 }
 
