@@ -64,9 +64,9 @@ TEST_F(AgentBridge, UploadsArePublishedAndCloudCommandsReachTheGateway)
 {
     ASSERT_TRUE(startAgent());
     GatewayPeer gw(agent->url());
-    // Queued since the broker connected, before any gateway was there.
-    EXPECT_TRUE(status(gw, true));
-    ASSERT_TRUE(gw.send(R"({"topic":"mqtt_status_req"})"));
+    // Queued before any gateway was there: the agent started, its broker
+    // connected.
+    EXPECT_TRUE(status(gw, false));
     EXPECT_TRUE(status(gw, true));
 
     const QString text = QString::fromUtf8(R"({"sn_code":"x","data":[{"code":1,"data":"Grüße"}]})");
@@ -107,27 +107,44 @@ TEST_F(AgentBridge, MalformedEnvelopesAreDroppedAndTheAgentGoesOn)
     EXPECT_TRUE(agent->process().running());
 }
 
-TEST_F(AgentBridge, BrokerOutageIsReportedAndUploadsWaitForTheReconnect)
+TEST_F(AgentBridge, ABrokerOutageIsReportedAndWhatIsKeptGoesOutInOrder)
 {
-    // Long enough a first retry for the test to bring the broker and a new
-    // subscriber back before the agent returns.
-    ASSERT_TRUE(startAgent("[broker]\nreconnect_min_s=3"));
+    // A try every 2 s leaves room to bring the broker and a new subscriber
+    // back between two of them.
+    ASSERT_TRUE(startAgent("[agent]\nqueue_limit=5\n[broker]\nreconnect_min_s=2\nreconnect_max_s=2"));
     GatewayPeer gw(agent->url());
+    ASSERT_TRUE(status(gw, false));
     ASSERT_TRUE(status(gw, true));
     broker.stop();
     EXPECT_TRUE(status(gw, false));
-    for (int i = 0; i < 3; ++i)
-        ASSERT_TRUE(gw.send(envelope(topic("/DevSend/RTD"), QString::number(i), 0, false)));
-    ASSERT_TRUE(agent->process().waitForOutput("connection lost", 3000));
+
+    // Eight uploads for five places: the three oldest real-time ones go.
+    const char *uploads[][2] = {{"/DevSend/RTD", "r0"},          {"/DevSend/Alarm", "a0"}, {"/DevSend/RTD", "r1"},
+                                {"/DevSend/RTDCompress", "z0"},  {"/DevSend/Alarm", "a1"}, {"/DevSend/RTD", "r2"},
+                                {"/DevSend/AlarmRecover", "a2"}, {"/DevSend/RTD", "r3"}};
+    for (const auto &u : uploads)
+        ASSERT_TRUE(gw.send(envelope(topic(u[0]), u[1], 0, false)));
+    // The heartbeat is answered throughout.
+    ASSERT_TRUE(gw.send(R"({"topic":"mqtt_status_req"})"));
+    EXPECT_TRUE(status(gw, false));
+    ASSERT_TRUE(agent->process().waitForOutput("connect failed", 5000)) << agent->output().toStdString();
 
     ASSERT_TRUE(broker.start());
     MqttProbe late(broker.port(), "#");
     ASSERT_TRUE(late.connected());
     EXPECT_TRUE(status(gw, true));
-    QStringList order;
-    for (const MqttMessage &m : late.take(topic("/DevSend/RTD"), 3, 3000))
-        order << m.payload;
-    EXPECT_EQ(order, QStringList({"0", "1", "2"})) << agent->output().toStdString();
+    QStringList published;
+    eventually([&] {
+        published.clear();
+        for (const MqttMessage &m : late.all())
+            published << m.topic.mid(agent->prefix().size()) + " " + m.payload;
+        return published.size() >= 5;
+    }, 3000);
+    EXPECT_EQ(published, QStringList({"/DevSend/Alarm a0", "/DevSend/Alarm a1", "/DevSend/RTD r2",
+                                      "/DevSend/AlarmRecover a2", "/DevSend/RTD r3"}))
+        << agent->output().toStdString();
+    EXPECT_TRUE(agent->process().waitForOutput("3 messages dropped while it was away (3 real-time, 0 others)", 3000));
+    EXPECT_EQ(agent->count("dropping the oldest"), 1);
 }
 
 TEST(AgentOptions, BadCommandLinesAndSettingsAreReported)

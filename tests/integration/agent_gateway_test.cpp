@@ -1,7 +1,8 @@
 // The real gateway under lumbra-agent, with a real mosquitto as the cloud:
 // a cloud command reaches the gateway's dispatch and its answer the broker,
-// and the gateway's own restart request (after a configuration change)
-// brings up a new process that still holds its unacknowledged history.
+// the gateway's own restart request (after a configuration change) brings up
+// a new process that still holds its unacknowledged history, and a gateway
+// running on its own notices an agent that restarts.
 #include "agentrun.h"
 #include "gatewaybox.h"
 #include "mosquittobroker.h"
@@ -11,6 +12,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSet>
+#include <QTemporaryDir>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -29,6 +31,15 @@ const char kHistory[] = R"({"upload_func_state":true,"compressed":false,"data":[
   {"group_id":2,"group_name":"edge","sample_interval":"0,0,1","sample_method":2,"trigger_method":"2",
    "triggerAddress":{"link":"PLC1","block":"0X","no":"5","sta":1,"length":1},"sample_data":[
     {"data_code":2,"data_type":0,"data_readAddress":{"link":"PLC1","block":"4X","no":"1","sta":1,"length":1}}]}]})";
+
+// Waits until text appears at least n times in what p wrote.
+bool seen(ChildProcess &p, const QString &text, int n, int timeoutMs)
+{
+    return eventually([&] {
+        p.waitForOutput("\x01", 20);  // never printed: only reads
+        return p.output().count(text) >= n;
+    }, timeoutMs);
+}
 
 class SupervisedGateway : public ::testing::Test {
 protected:
@@ -147,4 +158,36 @@ TEST_F(SupervisedGateway, ItsRestartRequestRestartsItWithTheUnacknowledgedHistor
     const int uploadsBefore = sent("/DevSend/Sequential/HisData", 0, 0).size();
     const QSet<QString> before = groupOneTimes(0);
     EXPECT_TRUE(kickUntil([&] { return groupOneTimes(uploadsBefore).contains(before); })) << log();
+}
+
+TEST_F(SupervisedGateway, AGatewayOnItsOwnNoticesAnAgentRestartWithinSeconds)
+{
+    QTemporaryDir root;
+    writeFile(root.path() + "/usr/brenta/iot_conf/sn.conf", AgentRun::kSerial);
+    ChildProcess gateway;
+    gateway.setEnv("LUMBRA_SYSROOT", root.path());
+    gateway.setEnv("LUMBRA_AGENT_URL", agent->url());
+    ASSERT_TRUE(agent->start());
+    ASSERT_TRUE(gateway.start(gatewayBinary(), {}, box.workPath()));
+    ASSERT_TRUE(seen(gateway, "get mqtt status:1", 1, 10000)) << gateway.output().toStdString();
+
+    // Killed and back at once, before the gateway's next heartbeat could
+    // fail; stopped and back only after the gateway found its sends going
+    // nowhere.
+    for (const bool killed : {true, false}) {
+        const int downs = gateway.output().count("get mqtt status:0");
+        const int ups = gateway.output().count("get mqtt status:1");
+        const int losses = gateway.output().count("cloud link down");
+        if (killed) {
+            agent->process().kill();
+        } else {
+            agent->process().stop();
+            EXPECT_TRUE(seen(gateway, "cloud link down", losses + 1, 6000)) << gateway.output().toStdString();
+        }
+        ASSERT_TRUE(agent->start());
+        // Within seconds: down, then up again.
+        EXPECT_TRUE(seen(gateway, "get mqtt status:1", ups + 1, 5000)) << killed << gateway.output().toStdString();
+        EXPECT_GT(gateway.output().count("get mqtt status:0"), downs) << killed;
+    }
+    EXPECT_TRUE(gateway.running());
 }

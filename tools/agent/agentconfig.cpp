@@ -81,6 +81,7 @@ std::vector<KeySpec> keySpecs(AgentConfig &c)
     KeySpec insecure{"broker", "tls_insecure"};
     insecure.flag = &b.tlsInsecure;
     return {text("agent", "url", &c.url), number("agent", "queue_limit", &c.queueLimit, 1, 1000000),
+            number("agent", "queue_mb", &c.queueMb, 1, 1024),
             text("broker", "host", &b.host), number("broker", "port", &b.port, 1, 65535),
             text("broker", "client_id", &b.clientId), text("broker", "username", &b.username),
             text("broker", "password", &b.password), number("broker", "keepalive", &b.keepalive, 5, 65535),

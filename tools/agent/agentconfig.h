@@ -17,7 +17,7 @@ struct BrokerSettings {
     QString cafile, capath, certfile, keyfile;
     bool tlsInsecure = false;
     int reconnectMinS = 1;
-    int reconnectMaxS = 60;
+    int reconnectMaxS = 10;
     bool tls() const { return !cafile.isEmpty() || !capath.isEmpty(); }
 };
 
@@ -32,6 +32,7 @@ struct SupervisorSettings {
 struct AgentConfig {
     QString url = "tcp://127.0.0.1:24401";
     int queueLimit = 1000;
+    int queueMb = 16;  // the broker queue's bound in MiB
     bool verbose = false;
     QString configFile;
     BrokerSettings broker;

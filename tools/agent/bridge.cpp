@@ -27,10 +27,13 @@ void Bridge::fromGateway(const QByteArray &raw)
         return;
     }
     switch (up.kind) {
-    case Uplink::StatusRequest:
+    case Uplink::StatusRequest: {
+        // The gateway's heartbeat: answered every time, logged only with -v.
         AGENT_DEBUG("gateway asks for the broker state");
-        m_gateway->send(statusEnvelope(m_broker->connected()));
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        m_gateway->send(statusEnvelope(m_brokerUp));
         break;
+    }
     case Uplink::Restart:
         AGENT_INFO("the gateway asks to be restarted");
         m_restart();
@@ -66,6 +69,8 @@ void Bridge::fromBroker(const QByteArray &topic, const QByteArray &payload)
 
 void Bridge::brokerState(bool connected)
 {
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    m_brokerUp = connected;
     m_gateway->send(statusEnvelope(connected));
 }
 

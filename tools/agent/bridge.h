@@ -6,6 +6,7 @@
 #include <QByteArray>
 
 #include <functional>
+#include <mutex>
 
 namespace agent {
 
@@ -22,7 +23,8 @@ public:
     void fromGateway(const QByteArray &raw);
     // A message on the device's subscription (broker thread).
     void fromBroker(const QByteArray &topic, const QByteArray &payload);
-    // The broker connection came up or went down (broker thread).
+    // The broker connection came up or went down (broker thread; main, once,
+    // before the broker starts).
     void brokerState(bool connected);
 
 private:
@@ -32,6 +34,10 @@ private:
     std::function<void()> m_restart;
     BrokerLink *m_broker = nullptr;
     GatewayLink *m_gateway = nullptr;
+    // Held from reading the state to queueing it, so that an answer to a
+    // state request never overtakes the news of a change.
+    std::mutex m_stateMutex;
+    bool m_brokerUp = false;
 };
 
 }  // namespace agent

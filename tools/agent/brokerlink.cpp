@@ -52,10 +52,10 @@ void MosquittoDeleter::operator()(mosquitto *m) const
 }
 
 BrokerLink::BrokerLink(const BrokerSettings &settings, const QByteArray &subscription, size_t queueLimit,
-                       Handlers handlers)
+                       qint64 queueBytes, Handlers handlers)
     : m_settings(settings), m_subscription(subscription),
       m_name(QString("%1:%2").arg(settings.host).arg(settings.port).toUtf8()), m_handlers(std::move(handlers)),
-      m_queue(queueLimit)
+      m_queue(queueLimit, queueBytes)
 {
 }
 
@@ -100,6 +100,10 @@ void BrokerLink::stop()
     // Wakes the network loop at once instead of at its next second.
     mosquitto_disconnect(m_mosq.get());
     m_thread.join();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    reportDrops();
+    if (!m_queue.empty())
+        AGENT_WARN("broker %s: %zu kept messages never published", m_name.constData(), m_queue.size());
 }
 
 bool BrokerLink::connected()
@@ -293,9 +297,10 @@ void BrokerLink::publish(const QByteArray &topic, const QByteArray &payload, int
             return;
         }
     }
-    if (m_queue.push(std::move(p)) && worthLogging(m_queue.dropped()))
-        AGENT_WARN("broker queue full (%zu messages): dropped the oldest, %lu dropped so far", m_queue.size(),
-                   m_queue.dropped());
+    if (m_queue.push(std::move(p)))
+        AGENT_WARN("broker %s away and %zu messages (%lld bytes) kept: dropping the oldest from now on, "
+                   "real-time first",
+                   m_name.constData(), m_queue.size(), static_cast<long long>(m_queue.bytes()));
 }
 
 // Called with m_mutex held.
@@ -314,7 +319,17 @@ void BrokerLink::flushQueue()
         m_queue.pop();
     }
     if (sent)
-        AGENT_INFO("broker %s: published %zu queued messages", m_name.constData(), sent);
+        AGENT_INFO("broker %s: published %zu kept messages", m_name.constData(), sent);
+    reportDrops();
+}
+
+// Called with m_mutex held. One line per outage, however long it lasted.
+void BrokerLink::reportDrops()
+{
+    const PublishQueue::Drops d = m_queue.takeDrops();
+    if (d.total())
+        AGENT_WARN("broker %s: %lu messages dropped while it was away (%lu real-time, %lu others)",
+                   m_name.constData(), d.total(), d.realtime, d.others);
 }
 
 }  // namespace agent

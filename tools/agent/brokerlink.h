@@ -3,12 +3,13 @@
 // every failure or loss waits with a back-off (reconnect_min_s doubling up to
 // reconnect_max_s, reset by a successful connection) before it tries again,
 // whatever the failure: refused credentials, TLS, name lookup, network.
-// Messages published while disconnected wait in a bounded queue and go out
-// in order once connected.
+// Messages published while disconnected wait in a bounded queue (see
+// PublishQueue for what goes when it is full) and go out in order once
+// connected.
 #pragma once
 
 #include "agentconfig.h"
-#include "boundedqueue.h"
+#include "publishqueue.h"
 
 #include <QByteArray>
 
@@ -34,8 +35,10 @@ public:
         std::function<void(const QByteArray &topic, const QByteArray &payload)> message;
     };
 
-    // subscription: the filter subscribed (QoS 1) on every connect.
-    BrokerLink(const BrokerSettings &settings, const QByteArray &subscription, size_t queueLimit, Handlers handlers);
+    // subscription: the filter subscribed (QoS 1) on every connect; the
+    // queue keeps at most queueLimit messages and queueBytes bytes.
+    BrokerLink(const BrokerSettings &settings, const QByteArray &subscription, size_t queueLimit, qint64 queueBytes,
+               Handlers handlers);
     ~BrokerLink();
     BrokerLink(const BrokerLink &) = delete;
     BrokerLink &operator=(const BrokerLink &) = delete;
@@ -53,11 +56,6 @@ public:
     void onSubscribe(int grantedQos);
 
 private:
-    struct Pending {
-        QByteArray topic, payload;
-        int qos;
-    };
-
     bool configure(QByteArray *why);
     void run();
     bool serveConnection(QByteArray *why);
@@ -68,6 +66,7 @@ private:
     QByteArray failureText(int rc, int err) const;
     int publishNow(const Pending &p);
     void flushQueue();
+    void reportDrops();
 
     BrokerSettings m_settings;
     QByteArray m_subscription;
@@ -82,7 +81,7 @@ private:
     bool m_stopping = false;
     bool m_connected = false;
     int m_refusal = 0;  // CONNACK code of the last refusal
-    BoundedQueue<Pending> m_queue;
+    PublishQueue m_queue;
 };
 
 }  // namespace agent

@@ -132,8 +132,13 @@ int main(int argc, char **argv)
     fromBroker.message = [&bridge](const QByteArray &topic, const QByteArray &payload) {
         bridge.fromBroker(topic, payload);
     };
-    BrokerLink broker(cfg.broker, prefix + "/DevRecv/#", size_t(cfg.queueLimit), fromBroker);
+    BrokerLink broker(cfg.broker, prefix + "/DevRecv/#", size_t(cfg.queueLimit), qint64(cfg.queueMb) << 20,
+                      fromBroker);
     bridge.attach(&broker, &gateway);
+    // The first word a gateway hears from this agent: one that outlived the
+    // previous agent learns that its cloud link starts over, and takes it as
+    // down until this agent's broker connects.
+    bridge.brokerState(false);
     const QByteArray url = cfg.url.toUtf8();
     if (!gateway.open(url) || !broker.start())
         return 1;
