@@ -201,6 +201,8 @@ void HistoricalData::tick()
         for (HisDataCfg_t &group : m_groups)
             sampleGroup(group);
         timerRefreshData();
+        if (resendDue())
+            m_sendFlag = true;
     }
     Outbox *outbox = Outbox::getInstance();
     // A cloud that is back gets what waited at once.

@@ -139,6 +139,7 @@ private:
     // flight, or of its next one; empty when it has nothing to send.
     QByteArray batchText(unsigned groupId, bool resend);
     QList<unsigned> groupsWithRows();
+    bool resendDue() const;
     void postBatch(const QByteArray &text);
     // Called with m_mutex held.
     void dropGroupRows(unsigned groupId);

@@ -64,6 +64,18 @@ bool HistoricalData::delHisData(const int &n)
     return ok;
 }
 
+// Called with m_mutex held. A batch whose acknowledgement does not come (it
+// was lost on the way, or the platform was not listening yet) needs a pass
+// of its own: the next sample may be minutes away.
+bool HistoricalData::resendDue() const
+{
+    const qint64 now = nowMs();
+    for (const Batch &b : m_inFlight)
+        if (now - b.sentAtMs >= kResendMs)
+            return true;
+    return false;
+}
+
 QList<unsigned> HistoricalData::groupsWithRows()
 {
     QStringList cells;
