@@ -1,18 +1,15 @@
 #include "AlarmData.h"
 
-#include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
 #include "alarmvalue.h"
 #include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
-#include "deviceInfo/deviceInfo.h"
 #include "generalFunc/configfile.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
 
 #include <QDateTime>
 #include <QJsonArray>
-#include <QJsonDocument>
 
 #include <cstring>
 
@@ -30,13 +27,10 @@ const lumbra::ConfigFileTexts kEditTexts{"Alarm data config file no such", "alar
 const char kDbFile[] = "alarm_iot.db";
 const char kTable[] = "alarmdata";
 const char kTableForm[] = "CREATE TABLE IF NOT EXISTS %1 (alarm_id INT NOT NULL,level INT, type INT,value TEXT,time INT);";
-const char kOldestRow[] = "select * from alarmdata limit 1";
-const int kRowCells = 5;  // alarm_id, level, type, value, time
 
 const unsigned kMaxRows = 50000;
 const int kPruneRows = 2000;
 const int kTickMs = 100;
-const quint64 kResendTicks = 30;
 const quint64 kRecountTicks = 6000;
 
 QByteArray local8(const QString &s)
@@ -47,27 +41,6 @@ QByteArray local8(const QString &s)
 const char *bitText(bool bit)
 {
     return bit ? "ON" : "OFF";
-}
-
-// row: the cells of one stored event.
-QJsonObject eventMessage(const QStringList &row, unsigned reqId)
-{
-    const int level = row.at(1).toInt();
-    QJsonObject o{{"alarm_index", row.at(0).toInt()},
-                  {"alarm_level", level},
-                  {"alarm_note", row.at(3)},
-                  {"alarm_time", row.at(4)},
-                  {"sn_code", deviceInfo::getInstance()->sn()},
-                  {"reqId", QString::number(reqId)}};
-    if (row.at(2).toInt() != AlarmData::EVENT_ALARM)
-        return o;
-    o.insert("alarm_type", 1);
-    for (int n = 1; n <= 4; ++n)
-        o.insert(QString("alarm_level%1").arg(n), level == n ? 1 : 0);
-    // The platform reads level 5 from "alarm_level" alone; this field stays 0.
-    o.insert("alarm_level5", 0);
-    o.insert("alarm_total", 1);
-    return o;
 }
 
 }  // namespace
@@ -132,8 +105,10 @@ bool AlarmData::load()
 
 void AlarmData::openStore()
 {
-    if (!m_db)
+    if (!m_db) {
         m_db = std::make_unique<SQLiteDB>(kDbFile);
+        m_delivery.setStore(m_db.get());
+    }
     // The thread counts the rows when it starts.
     m_db->executeSQL(QString(kTableForm).arg(kTable).toStdString());
 }
@@ -181,10 +156,7 @@ void AlarmData::stop()
 void AlarmData::run()
 {
     zlog_info(g_zlog, "Alarm task begin");
-    {
-        QMutexLocker lock(&m_mutex);
-        m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
-    }
+    m_delivery.recount();
     while (m_running) {
         QThread::msleep(kTickMs);
         if (!m_running || !m_uploadFunc)
@@ -195,10 +167,9 @@ void AlarmData::run()
             evaluateLocked();
             timerRefreshData();
         }
-        if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
-            m_sendFlag = false;
-            sendData();
-        }
+        // Posting never waits: the outbox takes the message or, while the
+        // cloud is down, refuses it and the row waits in the table.
+        sendData();
     }
     zlog_info(g_zlog, "Alarm task end");
 }
@@ -335,8 +306,7 @@ void AlarmData::dealWordAlarm(AlarmCft_t &alarm)
 
 void AlarmData::raise(AlarmCft_t &alarm, int type, const QString &value)
 {
-    if (insertData(alarm.index, alarm.level, type, value))
-        m_sendFlag = true;
+    insertData(alarm.index, alarm.level, type, value);
     forwardAlarmEvent(alarm.index, type, value);
 }
 
@@ -352,99 +322,31 @@ bool AlarmData::insertData(const int &index, const int &level, const int &type, 
               local8(QDateTime::fromSecsSinceEpoch(now).toString("yyyy-MM-dd hh:mm:ss")).constData());
     if (!ok)
         return false;
-    if (++m_dbDataNum > kMaxRows && delAlarmData(kPruneRows))
-        m_dbDataNum -= kPruneRows;
+    if (m_delivery.added() > kMaxRows)
+        delAlarmData(kPruneRows);
     return true;
 }
 
 bool AlarmData::delAlarmData(const int &n)
 {
-    const QString sql = QString("delete from %1 where rowid in (select rowid from %1 limit %2)").arg(kTable).arg(n);
-    const bool ok = m_db && m_db->del(sql.toStdString());
-    zlog_info(g_zlog, "del data num:%d result:%d", n, ok);
-    // The row in flight is always the oldest, so it went too; a late
-    // acknowledgement must not take the next one, which the cloud never saw.
-    if (ok)
-        m_inFlight = false;
-    return ok;
-}
-
-bool AlarmData::nextMessage(QString *topic, QString *text, bool *zip)
-{
-    QStringList row;
-    if (!m_db || !m_db->select(kOldestRow, row))
-        return false;
-    if (row.size() < kRowCells) {
-        zlog_info(g_zlog, "sql:%s data isEmpty", kOldestRow);
-        return false;
-    }
-    m_SendId += 1;
-    m_inFlight = true;
-    const QJsonObject o = eventMessage(row, m_SendId);
-    *text = QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
-    if (row.at(2).toInt() != EVENT_ALARM) {
-        *topic = "/DevSend/AlarmRecover";
-        *zip = false;
-    } else {
-        *zip = m_compress;
-        *topic = *zip ? "/DevSend/AlarmCompress" : "/DevSend/Alarm";
-    }
-    return true;
+    return m_delivery.prune(n);
 }
 
 void AlarmData::sendData()
 {
-    QString topic, text;
-    bool zip = false;
-    bool wasAcked;
-    {
-        // The id changes under the lock, so an acknowledgement of the
-        // previous id that races this send is refused, not taken for it.
-        QMutexLocker lock(&m_mutex);
-        if (!nextMessage(&topic, &text, &zip))
-            return;
-        wasAcked = m_ackReceived.exchange(false);
-    }
-    if (Outbox::getInstance()->post(topic, text, zip, 0, Outbox::Stored))
-        return;
-    // The message never left: no acknowledgement can come for it, and after
-    // an acknowledged one the next tick should try again, not wait 3 s.
-    QMutexLocker lock(&m_mutex);
-    m_inFlight = false;
-    if (wasAcked)
-        m_ackReceived = true;
+    m_delivery.pump(m_compress);
 }
 
 void AlarmData::MsgAck(unsigned int reqId)
 {
-    QMutexLocker lock(&m_mutex);
-    if (reqId != m_SendId) {
-        zlog_info(g_zlog, "recv msgAck req:%u not eq m_SendId:%u", reqId, m_SendId);
-        return;
-    }
-    // A repeated acknowledgement would delete a row the cloud never saw.
-    if (!m_inFlight) {
-        zlog_info(g_zlog, "recv msgAck req:%u with no message in flight, ignored", reqId);
-        return;
-    }
-    const bool ok = delAlarmData(1);
-    if (ok && m_dbDataNum > 0)
-        --m_dbDataNum;
-    m_inFlight = false;
-    m_ackReceived = true;
-    zlog_info(g_zlog, "recv del Alarm data reqId:%u result:%d m_dbDataNum:%u", reqId, ok, m_dbDataNum);
+    m_delivery.ack(reqId, m_compress);
 }
 
 // Called with m_mutex held, once per tick.
 void AlarmData::timerRefreshData()
 {
-    if (m_dbDataNum > 0 && (m_ticks % kResendTicks == 0 || m_ackReceived))
-        m_sendFlag = true;
-    if (m_ticks % kRecountTicks == 0) {
-        m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
-        if (m_dbDataNum > 0)
-            m_sendFlag = true;
-    }
+    if (m_ticks % kRecountTicks == 0)
+        m_delivery.recount();
 }
 
 void AlarmData::setConfigFile(const QString &message)

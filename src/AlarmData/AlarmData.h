@@ -4,6 +4,7 @@
 // its request id.
 #pragma once
 
+#include "alarmdelivery.h"
 #include "device_comm/addressinfo.h"
 
 #include <QByteArray>
@@ -60,7 +61,9 @@ public:
     void evaluateAll();
 
     bool insertData(const int &index, const int &level, const int &type, const QString &value);
+    // Sends the oldest stored event, or the one in flight again when due.
     void sendData();
+    // The cloud acknowledged reqId; the next event goes at once.
     void MsgAck(unsigned int reqId);
     bool delAlarmData(const int &n);
     void timerRefreshData();
@@ -97,23 +100,16 @@ private:
     void dealLevelAlarm(AlarmCft_t &alarm, bool activeBit);
     void evaluateLocked();
     void raise(AlarmCft_t &alarm, int type, const QString &value);
-    // The oldest row as a message, under a new request id; false when the
-    // table has none.
-    bool nextMessage(QString *topic, QString *text, bool *zip);
 
     QMutex m_mutex;
     std::unique_ptr<SQLiteDB> m_db;
     QList<AlarmCft_t> m_alarms;
     QByteArray m_raw;  // reused by every read of a tick
     quint64 m_ticks = 0;
-    unsigned m_dbDataNum = 0;
-    unsigned m_SendId = 0;
-    // A message is out and its acknowledgement may still delete a row.
-    bool m_inFlight = false;
+    // Its own lock: an acknowledgement must not wait for an evaluation.
+    AlarmDelivery m_delivery;
     std::atomic<bool> m_uploadFunc{false};
     std::atomic<bool> m_compress{false};
-    std::atomic<bool> m_sendFlag{false};
-    std::atomic<bool> m_ackReceived{false};
     std::atomic<bool> m_running{false};
 };
 
