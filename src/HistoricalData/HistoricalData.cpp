@@ -6,14 +6,13 @@
 #include "SQLiteDB/SQLiteDB.h"
 #include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
-#include "deviceInfo/deviceInfo.h"
 #include "generalFunc/configfile.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
 
 #include <QDateTime>
-#include <QJsonDocument>
+#include <QElapsedTimer>
 
 #include <cstring>
 
@@ -31,10 +30,8 @@ const lumbra::ConfigFileTexts kInitTexts{"Historical data config file no such", 
 const lumbra::ConfigFileTexts kEditTexts{"his data config file no such", "his data config file open fail",
                                          "his data config parse fail"};
 const int kTickMs = 100;
-const int kSleepSliceMs = 20;
 // Ten minutes of enabled ticks between recounts of the table.
 const quint64 kRefreshTicks = 6000;
-const int kBatchRows = 300;
 const unsigned kMaxRows = 100000;
 const int kPruneRows = 2000;
 // A point is read into this many zeroed bytes, a trigger into kTriggerBytes.
@@ -82,6 +79,11 @@ bool HistoricalData::load()
         // A failure is logged by the store; sampling then fails row by row
         // while the rest of the gateway keeps going.
         m_db->createTableSQL(kTable);
+        // Batches are taken group by group: without it, a group with few
+        // rows behind a long backlog of another would cost a scan of the
+        // whole table on every pass.
+        m_db->executeSQL(QString("CREATE INDEX IF NOT EXISTS %1_group ON %1(sampleID)").arg(kTable).toStdString());
+        m_delivery.setStore(m_db.get());
     }
     QJsonObject root;
     if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
@@ -170,7 +172,23 @@ bool HistoricalData::externalAddr()
 void HistoricalData::stop()
 {
     m_running = false;
+    wake();
     wait();
+}
+
+void HistoricalData::wake()
+{
+    QMutexLocker lock(&m_wakeMutex);
+    m_woken = true;
+    m_wakeUp.wakeAll();
+}
+
+void HistoricalData::waitForWake(int ms)
+{
+    QMutexLocker lock(&m_wakeMutex);
+    if (!m_woken && m_running)
+        m_wakeUp.wait(&m_wakeMutex, static_cast<unsigned long>(ms));
+    m_woken = false;
 }
 
 void HistoricalData::run()
@@ -181,9 +199,15 @@ void HistoricalData::run()
         m_rowCount = m_db ? m_db->dataNum(kTable) : 0;
     }
     while (m_running) {
-        // In slices, so that stop() does not wait out a whole tick.
-        for (int slept = 0; slept < kTickMs && m_running; slept += kSleepSliceMs)
-            QThread::msleep(kSleepSliceMs);
+        // An acknowledgement wakes the thread for the group's next batch;
+        // sampling keeps its own 100 ms cadence all the same.
+        QElapsedTimer slept;
+        slept.start();
+        for (qint64 left = kTickMs; left > 0 && m_running; left = kTickMs - slept.elapsed()) {
+            waitForWake(static_cast<int>(left));
+            if (m_uploadFunc)
+                sendIfDue();
+        }
         if (m_running)
             tick();
     }
@@ -202,7 +226,17 @@ void HistoricalData::tick()
         for (HisDataCfg_t &group : m_groups)
             sampleGroup(group);
         timerRefreshData();
+        // The cloud came back: what went out before may not have arrived.
+        const quint64 ups = Outbox::getInstance()->upCount();
+        if (ups != m_upCount || m_delivery.passDue())
+            m_sendFlag = true;
+        m_upCount = ups;
     }
+    sendIfDue();
+}
+
+void HistoricalData::sendIfDue()
+{
     if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
         m_sendFlag = false;
         sendData();
@@ -239,7 +273,7 @@ bool HistoricalData::cycleSampleFun(HisDataCfg_t &group)
     if (!periodDue(group))
         return false;
     const bool stored = sampleData(group);
-    if (m_rowCount >= kBatchRows)
+    if (m_rowCount >= HisDelivery::kBatchRows)
         m_sendFlag = true;
     return stored;
 }
@@ -349,15 +383,23 @@ bool HistoricalData::sampleData(HisDataCfg_t &group)
     return true;
 }
 
+// The row cap wins over the batches in flight: the disk must not fill while
+// the platform is away. A pruned row leaves its batch, so the batch's
+// acknowledgement cannot take a later row that reuses the rowid.
 bool HistoricalData::delHisData(const int &n)
 {
-    if (!m_db)
+    QStringList last;
+    if (!m_db || !m_db->select(QString("select max(rowid) from (select rowid from %1 order by rowid limit %2)")
+                                   .arg(kTable)
+                                   .arg(n)
+                                   .toStdString(),
+                               last) || last.value(0).isEmpty())
         return false;
-    const bool ok = m_db->del(QString("delete from %1 where rowid in (select rowid from %1 limit %2)")
-                                  .arg(kTable)
-                                  .arg(n)
-                                  .toStdString());
+    const qint64 lastRowid = last.first().toLongLong();
+    const bool ok = m_db->del(QString("delete from %1 where rowid <= %2").arg(kTable).arg(lastRowid).toStdString());
     zlog_info(g_zlog, "del data num:%d result:%d", n, ok ? 1 : 0);
+    if (ok)
+        m_delivery.forgetUpTo(lastRowid);
     return ok;
 }
 
@@ -372,57 +414,25 @@ void HistoricalData::timerRefreshData()
         m_sendFlag = true;
 }
 
-QList<QByteArray> HistoricalData::takeBatches()
-{
-    QList<QByteArray> texts;
-    QMutexLocker lock(&m_mutex);
-    QStringList cells;
-    if (!m_db || !m_db->select(QString("select * from %1 limit %2").arg(kTable).arg(kBatchRows).toStdString(), cells))
-        return texts;
-    QMap<unsigned, QList<sendDataTime_t>> groups;
-    for (int i = 0; i + 2 < cells.size(); i += 3)
-        groups[cells.at(i).toUInt()].append(sendDataTime_t{cells.at(i + 1), cells.at(i + 2)});
-    const QString sn = deviceInfo::getInstance()->sn();
-    for (auto it = groups.constBegin(); it != groups.constEnd(); ++it) {
-        zlog_info(g_zlog, "send group id:%d data size:%d", static_cast<int>(it.key()), it.value().size());
-        const QByteArray text = lumbra::his::batchMessage(sn, it.key(), m_formats.value(it.key()), it.value());
-        if (text.isEmpty()) {
-            zlog_error(g_zlog, "json serializer err %s", "empty document");
-            continue;
-        }
-        m_sentRows[it.key()] = it.value().size();
-        texts << text;
-    }
-    return texts;
-}
-
-// Sent outside the mutex: the agent may take seconds to accept a message,
-// and the acknowledgements must not wait for that.
+// Posting never waits, so the pass holds the mutex throughout: sampling and
+// acknowledgements see the batches either before it or after it.
 void HistoricalData::sendData()
 {
-    const bool zip = m_compress;
-    const char *topic = zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData";
-    for (const QByteArray &text : takeBatches())
-        Outbox::getInstance()->post(topic, QString::fromUtf8(text), zip, 0, Outbox::Stored);
+    QMutexLocker lock(&m_mutex);
+    if (!m_delivery.sendPass(m_formats, m_compress))
+        m_sendFlag = true;
 }
 
 void HistoricalData::AckdelHisData(unsigned int groupId)
 {
-    QMutexLocker lock(&m_mutex);
-    // Taken, not read: a second acknowledgement of the same batch must not
-    // delete rows that were never sent.
-    const int n = m_sentRows.take(groupId);
-    bool ok = false;
-    if (m_db) {
-        ok = m_db->del(QString("delete from %1 where rowid in (select rowid from %1 where sampleID='%2' limit %3)")
-                           .arg(kTable)
-                           .arg(groupId)
-                           .arg(n)
-                           .toStdString());
+    {
+        QMutexLocker lock(&m_mutex);
+        const int n = m_delivery.ack(groupId);
+        if (n > 0)
+            m_rowCount -= qMin(m_rowCount, static_cast<unsigned>(n));
     }
-    if (ok)
-        m_rowCount -= qMin(m_rowCount, static_cast<unsigned>(n));
-    zlog_info(g_zlog, "recv del data num:%d result:%d", n, ok ? 1 : 0);
+    m_sendFlag = true;
+    wake();
 }
 
 void HistoricalData::setConfigFile(const QString &message)
@@ -435,7 +445,7 @@ void HistoricalData::setConfigFile(const QString &message)
 void HistoricalData::dropGroupRows(unsigned groupId)
 {
     // A late acknowledgement of the old batch must not take new rows.
-    m_sentRows.remove(groupId);
+    m_delivery.drop(groupId);
     QStringList count;
     if (!m_db || !m_db->select(QString("select count(*) from %1 where sampleID=%2").arg(kTable).arg(groupId)
                                    .toStdString(), count) || count.value(0).toUInt() == 0)
