@@ -25,22 +25,20 @@ int main(int argc, char **argv)
     AlarmData *ad = AlarmData::getInstance();
     // Loading creates the table; the thread starts counting rows only once
     // the backlog is in.
-    if (!ad->load() || !lumbra::bench::fillTable("alarm_iot.db", "alarmdata", events, "1 + x % 8, 2, 1 + x % 2, 'ON', x")) {
+    if (!ad->load() ||
+        !lumbra::bench::fillTable("alarm_iot.db", "alarmdata", events, "1 + x % 8, 2, 1 + x % 2, 'ON', x")) {
         std::fprintf(stderr, "no alarm store\n");
         return 1;
     }
     ad->init();
-    const qint64 ms = lumbra::bench::drainMs("alarm_iot.db", "alarmdata", [](const Posted &p) {
+    const auto ack = [](const Posted &p) {
         const QJsonObject ack{{"reqTopic", p.topic}, {"reqId", p.msg.value("reqId")}};
         MqttMsgEvent::MsgAck(QString::fromUtf8(QJsonDocument(ack).toJson(QJsonDocument::Compact)));
-    }, 600000);
-    ad->stop();
-    if (ms < 0) {
-        std::fprintf(stderr, "the backlog did not drain\n");
-        return 1;
-    }
-    std::printf("\nalarm delivery: %.0f events/s sent, acknowledged and deleted one at a time through the outbox "
-                "(%d events, the platform answering at once)\n",
-                events * 1000.0 / qMax<qint64>(ms, 1), events);
-    return 0;
+    };
+    return lumbra::bench::drainAndReport("alarm_iot.db", "alarmdata", ack, [ad] { ad->stop(); }, [events](qint64 ms) {
+        return QString("alarm delivery: %1 events/s sent, acknowledged and deleted one at a time through the outbox "
+                       "(%2 events, the platform answering at once)")
+            .arg(qRound64(events * 1000.0 / ms))
+            .arg(events);
+    });
 }

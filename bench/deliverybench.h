@@ -11,6 +11,9 @@
 #include <QString>
 #include <QThread>
 
+#include <cstdio>
+#include <functional>
+
 namespace lumbra::bench {
 
 // Appends rows rows to table, each `select` evaluated over x = 1..rows.
@@ -24,8 +27,8 @@ inline bool fillTable(const char *dbFile, const char *table, int rows, const QSt
                              .toStdString());
 }
 
-// Milliseconds from the cloud coming up until the table is empty; -1 when
-// it is not within timeoutMs.
+// Milliseconds from the cloud coming up until the table is empty; -1, with
+// a message, when it is not within timeoutMs.
 inline qint64 drainMs(const char *dbFile, const char *table, const lumbra::test::OutboxPlatform::Answer &answer,
                       int timeoutMs)
 {
@@ -35,11 +38,26 @@ inline qint64 drainMs(const char *dbFile, const char *table, const lumbra::test:
     clock.start();
     Outbox::getInstance()->setCloudState(true);
     while (db.dataNum(table) > 0) {
-        if (clock.elapsed() > timeoutMs)
+        if (clock.elapsed() > timeoutMs) {
+            std::fprintf(stderr, "the backlog did not drain\n");
             return -1;
+        }
         QThread::msleep(10);
     }
     return clock.elapsed();
+}
+
+// Drains the backlog, stops the service and prints summary(ms) as the last
+// line; the exit code.
+inline int drainAndReport(const char *dbFile, const char *table, const lumbra::test::OutboxPlatform::Answer &answer,
+                          const std::function<void()> &stop, const std::function<QString(qint64)> &summary)
+{
+    const qint64 ms = drainMs(dbFile, table, answer, 600000);
+    stop();
+    if (ms < 0)
+        return 1;
+    std::printf("\n%s\n", summary(qMax<qint64>(ms, 1)).toLocal8Bit().constData());
+    return 0;
 }
 
 }  // namespace lumbra::bench

@@ -38,17 +38,15 @@ int main(int argc, char **argv)
         return 1;
     }
     his->init();
-    const qint64 ms = lumbra::bench::drainMs("history_iot.db", "historydata", [](const Posted &p) {
+    const auto ack = [](const Posted &p) {
         MqttMsgEvent::recvHistoryDataAck(
             QString(R"({"status":"yes","group_id":%1})").arg(p.msg.value("group_id").toInt()));
-    }, 600000);
-    his->stop();
-    if (ms < 0) {
-        std::fprintf(stderr, "the backlog did not drain\n");
-        return 1;
-    }
-    std::printf("\nhistory drain: %d rows in %.2f s once the cloud is up (%d group(s), batches of up to 300 rows, "
-                "the platform answering at once)\n",
-                rows, ms / 1000.0, groups);
-    return 0;
+    };
+    return lumbra::bench::drainAndReport("history_iot.db", "historydata", ack, [his] { his->stop(); }, [=](qint64 ms) {
+        return QString("history drain: %1 rows in %2 s once the cloud is up (%3 group(s), batches of up to 300 rows, "
+                       "the platform answering at once)")
+            .arg(rows)
+            .arg(ms / 1000.0, 0, 'f', 2)
+            .arg(groups);
+    });
 }

@@ -223,7 +223,7 @@ TEST_P(HistoryUpload, ABatchCarriesItsGroupsRowsWithTheirLabels)
     // The cloud coming up starts a pass at once.
     OutboxPlatform platform;
     Outbox::getInstance()->setCloudState(true);
-    const Posted batch = platform.next(zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData", 3000);
+    const Posted batch = platform.next(zip ? "/Sequential/HisDataCompress" : "/Sequential/HisData", 3000);
     ASSERT_TRUE(batch.ok());
     EXPECT_EQ(batch.zip, zip);
     EXPECT_EQ(batch.msg.value("sn_code").toString(), kSerial);
