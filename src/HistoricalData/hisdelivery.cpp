@@ -51,13 +51,21 @@ bool HisDelivery::settling(unsigned groupId)
 
 bool HisDelivery::passDue()
 {
+    bool due = false;
+    // A wait that ended is over whether or not the group has rows left.
+    for (auto it = m_settles.begin(); it != m_settles.end();) {
+        if (m_clock.elapsed() < it->untilMs) {
+            ++it;
+            continue;
+        }
+        it = m_settles.erase(it);
+        due = true;
+    }
+    // A batch whose rows were all pruned has nothing to send again; it stays
+    // only to take its acknowledgement.
     for (const Batch &b : qAsConst(m_batches))
-        if (due(b))
-            return true;
-    for (auto it = m_settles.cbegin(); it != m_settles.cend(); ++it)
-        if (m_clock.elapsed() >= it->untilMs)
-            return true;
-    return false;
+        due = due || (!b.rowids.isEmpty() && this->due(b));
+    return due;
 }
 
 // A step from group to group along the index, so that a pass costs a few
