@@ -3,3 +3,7 @@ target_link_libraries(bench_alarm PRIVATE lumbra_AlarmData lumbra_IotToMqttComm 
 target_compile_definitions(bench_alarm PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
 add_dependencies(bench_alarm modbus_tcp)
 add_dependencies(lumbra_benchmarks bench_alarm)
+
+add_executable(bench_alarm_delivery EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/alarm_delivery_bench.cpp)
+target_link_libraries(bench_alarm_delivery PRIVATE lumbra_AlarmData lumbra_IotToMqttComm lumbra_testsupport)
+add_dependencies(lumbra_benchmarks bench_alarm_delivery)

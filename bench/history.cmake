@@ -1,3 +1,7 @@
 add_executable(bench_history EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/history_bench.cpp)
 target_link_libraries(bench_history PRIVATE lumbra_HistoricalData lumbra_IotToMqttComm lumbra_testsupport)
 add_dependencies(lumbra_benchmarks bench_history)
+
+add_executable(bench_history_drain EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/history_drain_bench.cpp)
+target_link_libraries(bench_history_drain PRIVATE lumbra_HistoricalData lumbra_IotToMqttComm lumbra_testsupport)
+add_dependencies(lumbra_benchmarks bench_history_drain)

@@ -1,18 +1,15 @@
 #include "AlarmData.h"
 
-#include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
 #include "alarmvalue.h"
 #include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
-#include "deviceInfo/deviceInfo.h"
 #include "generalFunc/configfile.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
 
 #include <QDateTime>
 #include <QJsonArray>
-#include <QJsonDocument>
 
 #include <cstring>
 
@@ -30,14 +27,10 @@ const lumbra::ConfigFileTexts kEditTexts{"Alarm data config file no such", "alar
 const char kDbFile[] = "alarm_iot.db";
 const char kTable[] = "alarmdata";
 const char kTableForm[] = "CREATE TABLE IF NOT EXISTS %1 (alarm_id INT NOT NULL,level INT, type INT,value TEXT,time INT);";
-const char kRowColumns[] = "select rowid,alarm_id,level,type,value,time from alarmdata";
-const int kRowCells = 6;  // rowid, alarm_id, level, type, value, time
 
 const unsigned kMaxRows = 50000;
 const int kPruneRows = 2000;
 const int kTickMs = 100;
-// An event the platform has not acknowledged goes again after this.
-const qint64 kResendMs = 3000;
 const quint64 kRecountTicks = 6000;
 
 QByteArray local8(const QString &s)
@@ -48,28 +41,6 @@ QByteArray local8(const QString &s)
 const char *bitText(bool bit)
 {
     return bit ? "ON" : "OFF";
-}
-
-// row: the cells of one stored event.
-QJsonObject eventMessage(const QStringList &cells, unsigned reqId)
-{
-    const QStringList row = cells.mid(1);  // without the rowid
-    const int level = row.at(1).toInt();
-    QJsonObject o{{"alarm_index", row.at(0).toInt()},
-                  {"alarm_level", level},
-                  {"alarm_note", row.at(3)},
-                  {"alarm_time", row.at(4)},
-                  {"sn_code", deviceInfo::getInstance()->sn()},
-                  {"reqId", QString::number(reqId)}};
-    if (row.at(2).toInt() != AlarmData::EVENT_ALARM)
-        return o;
-    o.insert("alarm_type", 1);
-    for (int n = 1; n <= 4; ++n)
-        o.insert(QString("alarm_level%1").arg(n), level == n ? 1 : 0);
-    // The platform reads level 5 from "alarm_level" alone; this field stays 0.
-    o.insert("alarm_level5", 0);
-    o.insert("alarm_total", 1);
-    return o;
 }
 
 }  // namespace
@@ -134,8 +105,10 @@ bool AlarmData::load()
 
 void AlarmData::openStore()
 {
-    if (!m_db)
+    if (!m_db) {
         m_db = std::make_unique<SQLiteDB>(kDbFile);
+        m_delivery.setStore(m_db.get());
+    }
     // The thread counts the rows when it starts.
     m_db->executeSQL(QString(kTableForm).arg(kTable).toStdString());
 }
@@ -183,12 +156,7 @@ void AlarmData::stop()
 void AlarmData::run()
 {
     zlog_info(g_zlog, "Alarm task begin");
-    {
-        QMutexLocker lock(&m_mutex);
-        m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
-    }
-    // Evaluation keeps its cadence whatever the cloud does: posting to the
-    // outbox never waits.
+    m_delivery.recount();
     while (m_running) {
         QThread::msleep(kTickMs);
         if (!m_running || !m_uploadFunc)
@@ -197,9 +165,10 @@ void AlarmData::run()
             QMutexLocker lock(&m_mutex);
             ++m_ticks;
             evaluateLocked();
-            if (m_ticks % kRecountTicks == 0)
-                m_dbDataNum = m_db ? m_db->dataNum(kTable) : 0;
+            timerRefreshData();
         }
+        // Posting never waits: the outbox takes the message or, while the
+        // cloud is down, refuses it and the row waits in the table.
         sendData();
     }
     zlog_info(g_zlog, "Alarm task end");
@@ -353,99 +322,31 @@ bool AlarmData::insertData(const int &index, const int &level, const int &type, 
               local8(QDateTime::fromSecsSinceEpoch(now).toString("yyyy-MM-dd hh:mm:ss")).constData());
     if (!ok)
         return false;
-    if (++m_dbDataNum > kMaxRows && delAlarmData(kPruneRows))
-        m_dbDataNum -= kPruneRows;
+    if (m_delivery.added() > kMaxRows)
+        delAlarmData(kPruneRows);
     return true;
 }
 
 bool AlarmData::delAlarmData(const int &n)
 {
-    const QString sql =
-        QString("delete from %1 where rowid in (select rowid from %1 order by rowid limit %2)").arg(kTable).arg(n);
-    const bool ok = m_db && m_db->del(sql.toStdString());
-    zlog_info(g_zlog, "del data num:%d result:%d", n, ok);
-    // The row in flight is always the oldest, so it went too: it is not
-    // sent again, and its acknowledgement finds nothing to delete.
-    if (ok)
-        m_inFlightRow = -1;
-    return ok;
+    return m_delivery.prune(n);
 }
 
-// Called with m_mutex held: the row in flight again, or the oldest one
-// under a new request id. False when there is nothing (more) to send.
-bool AlarmData::nextMessage(QString *topic, QString *text, bool *zip)
-{
-    QStringList row;
-    const QString sql = m_inFlightRow >= 0 ? QString("%1 where rowid=%2").arg(kRowColumns).arg(m_inFlightRow)
-                                           : QString("%1 order by rowid limit 1").arg(kRowColumns);
-    if (!m_db || !m_db->select(sql.toStdString(), row))
-        return false;
-    if (row.size() < kRowCells) {
-        m_inFlightRow = -1;  // pruned meanwhile
-        return false;
-    }
-    if (m_inFlightRow < 0) {
-        m_inFlightRow = row.at(0).toLongLong();
-        m_SendId += 1;
-    }
-    const QJsonObject o = eventMessage(row, m_SendId);
-    *text = QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
-    if (row.at(3).toInt() != EVENT_ALARM) {
-        *topic = "/DevSend/AlarmRecover";
-        *zip = false;
-    } else {
-        *zip = m_compress;
-        *topic = *zip ? "/DevSend/AlarmCompress" : "/DevSend/Alarm";
-    }
-    return true;
-}
-
-// One event in flight at a time, oldest first. It is never replaced by a
-// newer one while in flight, and it keeps its request id when it goes again
-// (after 3 s, or at once when the cloud comes back), so an acknowledgement
-// that crosses a resend still names the message in flight.
 void AlarmData::sendData()
 {
-    Outbox *outbox = Outbox::getInstance();
-    if (!m_uploadFunc || !outbox->cloudUp())
-        return;
-    QString topic, text;
-    bool zip = false;
-    {
-        QMutexLocker lock(&m_mutex);
-        const qint64 now = QDateTime::currentMSecsSinceEpoch();
-        const quint64 ups = outbox->upCount();
-        const bool cloudBack = ups != m_seenUps;
-        m_seenUps = ups;
-        if (m_inFlightRow >= 0 && !cloudBack && now - m_sentAtMs < kResendMs)
-            return;
-        if (!nextMessage(&topic, &text, &zip))
-            return;
-        m_sentAtMs = now;
-    }
-    // Refused only when the cloud just went down: it goes again when it is back.
-    outbox->post(topic, text, zip, 0, Outbox::Stored);
+    m_delivery.pump(m_compress);
 }
 
 void AlarmData::MsgAck(unsigned int reqId)
 {
-    {
-        QMutexLocker lock(&m_mutex);
-        if (m_inFlightRow < 0 || reqId != m_SendId) {
-            zlog_info(g_zlog, "recv msgAck req:%u not eq m_SendId:%u", reqId, m_SendId);
-            return;
-        }
-        // By rowid: whatever was pruned or added meanwhile, only the row
-        // the platform has is deleted.
-        const bool ok = m_db && m_db->del(QString("delete from %1 where rowid=%2").arg(kTable).arg(m_inFlightRow)
-                                              .toStdString());
-        if (ok && m_dbDataNum > 0)
-            --m_dbDataNum;
-        m_inFlightRow = -1;
-        zlog_info(g_zlog, "recv del Alarm data reqId:%u result:%d m_dbDataNum:%u", reqId, ok, m_dbDataNum);
-    }
-    // The next event goes at once, at the pace of the platform's answers.
-    sendData();
+    m_delivery.ack(reqId, m_compress);
+}
+
+// Called with m_mutex held, once per tick.
+void AlarmData::timerRefreshData()
+{
+    if (m_ticks % kRecountTicks == 0)
+        m_delivery.recount();
 }
 
 void AlarmData::setConfigFile(const QString &message)

@@ -4,6 +4,7 @@
 // its request id.
 #pragma once
 
+#include "alarmdelivery.h"
 #include "device_comm/addressinfo.h"
 
 #include <QByteArray>
@@ -60,10 +61,12 @@ public:
     void evaluateAll();
 
     bool insertData(const int &index, const int &level, const int &type, const QString &value);
-    // Sends the event in flight again when due, or the next one.
+    // Sends the oldest stored event, or the one in flight again when due.
     void sendData();
+    // The cloud acknowledged reqId; the next event goes at once.
     void MsgAck(unsigned int reqId);
     bool delAlarmData(const int &n);
+    void timerRefreshData();
     bool externalAddr();
     void setConfigFile(const QString &message);
 
@@ -97,18 +100,14 @@ private:
     void dealLevelAlarm(AlarmCft_t &alarm, bool activeBit);
     void evaluateLocked();
     void raise(AlarmCft_t &alarm, int type, const QString &value);
-    bool nextMessage(QString *topic, QString *text, bool *zip);
 
     QMutex m_mutex;
     std::unique_ptr<SQLiteDB> m_db;
     QList<AlarmCft_t> m_alarms;
     QByteArray m_raw;  // reused by every read of a tick
     quint64 m_ticks = 0;
-    unsigned m_dbDataNum = 0;
-    unsigned m_SendId = 0;       // the request id of the event in flight
-    qint64 m_inFlightRow = -1;   // its rowid; -1: none in flight
-    qint64 m_sentAtMs = 0;       // when it last went
-    quint64 m_seenUps = 0;       // the outbox's up count at the last send
+    // Its own lock: an acknowledgement must not wait for an evaluation.
+    AlarmDelivery m_delivery;
     std::atomic<bool> m_uploadFunc{false};
     std::atomic<bool> m_compress{false};
     std::atomic<bool> m_running{false};

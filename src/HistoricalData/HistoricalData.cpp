@@ -6,14 +6,13 @@
 #include "SQLiteDB/SQLiteDB.h"
 #include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
-#include "deviceInfo/deviceInfo.h"
 #include "generalFunc/configfile.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
 
 #include <QDateTime>
-#include <QJsonDocument>
+#include <QElapsedTimer>
 
 #include <cstring>
 
@@ -31,7 +30,6 @@ const lumbra::ConfigFileTexts kInitTexts{"Historical data config file no such", 
 const lumbra::ConfigFileTexts kEditTexts{"his data config file no such", "his data config file open fail",
                                          "his data config parse fail"};
 const int kTickMs = 100;
-const int kSleepSliceMs = 20;
 // Ten minutes of enabled ticks between recounts of the table.
 const quint64 kRefreshTicks = 6000;
 const unsigned kMaxRows = 100000;
@@ -81,6 +79,11 @@ bool HistoricalData::load()
         // A failure is logged by the store; sampling then fails row by row
         // while the rest of the gateway keeps going.
         m_db->createTableSQL(kTable);
+        // Batches are taken group by group: without it, a group with few
+        // rows behind a long backlog of another would cost a scan of the
+        // whole table on every pass.
+        m_db->executeSQL(QString("CREATE INDEX IF NOT EXISTS %1_group ON %1(sampleID)").arg(kTable).toStdString());
+        m_delivery.setStore(m_db.get());
     }
     QJsonObject root;
     if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
@@ -169,7 +172,23 @@ bool HistoricalData::externalAddr()
 void HistoricalData::stop()
 {
     m_running = false;
+    wake();
     wait();
+}
+
+void HistoricalData::wake()
+{
+    QMutexLocker lock(&m_wakeMutex);
+    m_woken = true;
+    m_wakeUp.wakeAll();
+}
+
+void HistoricalData::waitForWake(int ms)
+{
+    QMutexLocker lock(&m_wakeMutex);
+    if (!m_woken && m_running)
+        m_wakeUp.wait(&m_wakeMutex, static_cast<unsigned long>(ms));
+    m_woken = false;
 }
 
 void HistoricalData::run()
@@ -180,9 +199,15 @@ void HistoricalData::run()
         m_rowCount = m_db ? m_db->dataNum(kTable) : 0;
     }
     while (m_running) {
-        // In slices, so that stop() does not wait out a whole tick.
-        for (int slept = 0; slept < kTickMs && m_running; slept += kSleepSliceMs)
-            QThread::msleep(kSleepSliceMs);
+        // An acknowledgement wakes the thread for the group's next batch;
+        // sampling keeps its own 100 ms cadence all the same.
+        QElapsedTimer slept;
+        slept.start();
+        for (qint64 left = kTickMs; left > 0 && m_running; left = kTickMs - slept.elapsed()) {
+            waitForWake(static_cast<int>(left));
+            if (m_uploadFunc)
+                sendIfDue();
+        }
         if (m_running)
             tick();
     }
@@ -201,18 +226,18 @@ void HistoricalData::tick()
         for (HisDataCfg_t &group : m_groups)
             sampleGroup(group);
         timerRefreshData();
-        if (resendDue())
+        // The cloud came back: what went out before may not have arrived.
+        const quint64 ups = Outbox::getInstance()->upCount();
+        if (ups != m_upCount || m_delivery.passDue())
             m_sendFlag = true;
+        m_upCount = ups;
     }
-    Outbox *outbox = Outbox::getInstance();
-    // A cloud that is back gets what waited at once.
-    const quint64 ups = outbox->upCount();
-    if (ups != m_seenUps) {
-        m_seenUps = ups;
-        m_sendFlag = true;
-        m_cloudBack = true;
-    }
-    if (m_sendFlag && outbox->cloudUp()) {
+    sendIfDue();
+}
+
+void HistoricalData::sendIfDue()
+{
+    if (m_sendFlag && Outbox::getInstance()->cloudUp()) {
         m_sendFlag = false;
         sendData();
     }
@@ -248,7 +273,7 @@ bool HistoricalData::cycleSampleFun(HisDataCfg_t &group)
     if (!periodDue(group))
         return false;
     const bool stored = sampleData(group);
-    if (m_rowCount >= lumbra::his::kBatchRows)
+    if (m_rowCount >= HisDelivery::kBatchRows)
         m_sendFlag = true;
     return stored;
 }
@@ -358,6 +383,26 @@ bool HistoricalData::sampleData(HisDataCfg_t &group)
     return true;
 }
 
+// The row cap wins over the batches in flight: the disk must not fill while
+// the platform is away. A pruned row leaves its batch, so the batch's
+// acknowledgement cannot take a later row that reuses the rowid.
+bool HistoricalData::delHisData(const int &n)
+{
+    QStringList last;
+    if (!m_db || !m_db->select(QString("select max(rowid) from (select rowid from %1 order by rowid limit %2)")
+                                   .arg(kTable)
+                                   .arg(n)
+                                   .toStdString(),
+                               last) || last.value(0).isEmpty())
+        return false;
+    const qint64 lastRowid = last.first().toLongLong();
+    const bool ok = m_db->del(QString("delete from %1 where rowid <= %2").arg(kTable).arg(lastRowid).toStdString());
+    zlog_info(g_zlog, "del data num:%d result:%d", n, ok ? 1 : 0);
+    if (ok)
+        m_delivery.forgetUpTo(lastRowid);
+    return ok;
+}
+
 // Called with m_mutex held.
 void HistoricalData::timerRefreshData()
 {
@@ -367,6 +412,27 @@ void HistoricalData::timerRefreshData()
     m_db->VACUUM();
     if (m_rowCount >= 1)
         m_sendFlag = true;
+}
+
+// Posting never waits, so the pass holds the mutex throughout: sampling and
+// acknowledgements see the batches either before it or after it.
+void HistoricalData::sendData()
+{
+    QMutexLocker lock(&m_mutex);
+    if (!m_delivery.sendPass(m_formats, m_compress))
+        m_sendFlag = true;
+}
+
+void HistoricalData::AckdelHisData(unsigned int groupId)
+{
+    {
+        QMutexLocker lock(&m_mutex);
+        const int n = m_delivery.ack(groupId);
+        if (n > 0)
+            m_rowCount -= qMin(m_rowCount, static_cast<unsigned>(n));
+    }
+    m_sendFlag = true;
+    wake();
 }
 
 void HistoricalData::setConfigFile(const QString &message)
@@ -379,7 +445,7 @@ void HistoricalData::setConfigFile(const QString &message)
 void HistoricalData::dropGroupRows(unsigned groupId)
 {
     // A late acknowledgement of the old batch must not take new rows.
-    m_inFlight.remove(groupId);
+    m_delivery.drop(groupId);
     QStringList count;
     if (!m_db || !m_db->select(QString("select count(*) from %1 where sampleID=%2").arg(kTable).arg(groupId)
                                    .toStdString(), count) || count.value(0).toUInt() == 0)

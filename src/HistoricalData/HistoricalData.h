@@ -4,6 +4,7 @@
 #pragma once
 
 #include "device_comm/addressinfo.h"
+#include "hisdelivery.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -13,6 +14,7 @@
 #include <QString>
 #include <QStringList>
 #include <QThread>
+#include <QWaitCondition>
 
 #include <atomic>
 #include <memory>
@@ -81,9 +83,13 @@ public:
     bool triggerSampleFun(HisDataCfg_t &group);
     bool timingSampleFun(HisDataCfg_t &group);
     bool sampleData(HisDataCfg_t &group);
+    // A send pass: a batch for each group with rows and none in flight, and
+    // the batches in flight that are due again.
     void sendData();
-    // The cloud took the group's last batch: delete exactly those rows.
+    // The cloud took the group's batch in flight: delete exactly its rows,
+    // and send the group's next batch at once.
     void AckdelHisData(unsigned int groupId);
+    // Called with mutex() held.
     bool delHisData(const int &n);
     void timerRefreshData();
     bool externalAddr();
@@ -121,6 +127,10 @@ protected:
 private:
     HistoricalData() = default;
     void tick();
+    // Sleeps up to ms, or until an acknowledgement asks for a pass.
+    void waitForWake(int ms);
+    void sendIfDue();
+    void wake();
     qint64 clockNow() const;
     void loadGroups(const QJsonArray &items);
     void logGroup(const HisDataCfg_t &group) const;
@@ -129,18 +139,6 @@ private:
     bool periodDue(HisDataCfg_t &group);
     int triggerState(const HisDataCfg_t &group);
     QString readPoint(const sampData_t &point);
-    // Delivery (hisdelivery.cpp). A batch names the rows it carried, so its
-    // acknowledgement deletes exactly those.
-    struct Batch {
-        QList<qint64> rowids;
-        qint64 sentAtMs = 0;
-    };
-    // Called with m_mutex held: the upload text of the group's batch in
-    // flight, or of its next one; empty when it has nothing to send.
-    QByteArray batchText(unsigned groupId, bool resend);
-    QList<unsigned> groupsWithRows();
-    bool resendDue() const;
-    void postBatch(const QByteArray &text);
     // Called with m_mutex held.
     void dropGroupRows(unsigned groupId);
 
@@ -148,15 +146,17 @@ private:
     std::unique_ptr<SQLiteDB> m_db;
     QList<HisDataCfg_t> m_groups;
     QMap<unsigned, QStringList> m_formats;
-    QMap<unsigned, Batch> m_inFlight;  // per group; groups never wait for each other
-    quint64 m_seenUps = 0;             // the outbox's up count at the last look
-    bool m_cloudBack = false;          // batches in flight go again at the next pass
+    HisDelivery m_delivery;
     Clock m_clock = nullptr;
     qint64 m_now = 0;
     quint64 m_ticks = 0;
     unsigned m_rowCount = 0;
+    quint64 m_upCount = 0;  // the outbox's count at the last tick
     std::atomic<bool> m_uploadFunc{false};
     std::atomic<bool> m_compress{false};
     std::atomic<bool> m_sendFlag{false};
     std::atomic<bool> m_running{false};
+    QMutex m_wakeMutex;
+    QWaitCondition m_wakeUp;
+    bool m_woken = false;  // under m_wakeMutex
 };

@@ -12,10 +12,6 @@
 
 namespace lumbra::his {
 
-// Rows one upload carries at most; a cyclic group with this many waiting
-// starts a send pass.
-constexpr int kBatchRows = 300;
-
 // "h,m,s" in seconds; 0 when the text gives no positive period.
 int periodSeconds(const QString &interval);
 

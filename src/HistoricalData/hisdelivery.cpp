@@ -1,8 +1,5 @@
-// Delivery of the stored rows: one batch in flight per group, named by the
-// rowids it carried, so that an acknowledgement deletes exactly the rows the
-// platform has, whatever was pruned or added meanwhile, and a group that is
-// never acknowledged holds back no other.
-#include "HistoricalData.h"
+#include "hisdelivery.h"
+
 #include "hisdata_p.h"
 
 #include "Outbox/Outbox.h"
@@ -10,9 +7,7 @@
 #include "deviceInfo/deviceInfo.h"
 #include "generalFunc/globals.h"
 
-#include <QDateTime>
-
-#include <algorithm>
+#include <climits>
 
 #undef LUMBRA_LOG_FILE
 #define LUMBRA_LOG_FILE "HistoricalData/HistoricalData.cpp"
@@ -20,163 +15,193 @@
 namespace {
 
 const char kTable[] = "historydata";
-// A batch without an acknowledgement goes again at a send pass this long
-// after it went (and at once when the cloud comes back).
-const qint64 kResendMs = 10000;
+const int kRowCells = 3;  // rowid, data, datetime
 
-QString idList(const QList<qint64> &ids)
+QString idList(const QVector<qint64> &rowids)
 {
-    QStringList texts;
-    texts.reserve(ids.size());
-    for (qint64 id : ids)
-        texts << QString::number(id);
-    return texts.join(',');
-}
-
-qint64 nowMs()
-{
-    return QDateTime::currentMSecsSinceEpoch();
+    QStringList ids;
+    ids.reserve(rowids.size());
+    for (qint64 id : rowids)
+        ids << QString::number(id);
+    return ids.join(',');
 }
 
 }  // namespace
 
-// The oldest rows go when the table is full. A batch in flight forgets the
-// rows pruned under it: once the table has emptied, SQLite hands their
-// rowids out again, and a late acknowledgement must not find new rows there.
-bool HistoricalData::delHisData(const int &n)
+HisDelivery::HisDelivery()
 {
-    if (!m_db)
-        return false;
-    QStringList last;
-    m_db->select(QString("select max(rowid) from (select rowid from %1 order by rowid limit %2)")
-                     .arg(kTable)
-                     .arg(n)
-                     .toStdString(),
-                 last);
-    const qint64 upTo = last.value(0).toLongLong();
-    const bool ok = m_db->del(QString("delete from %1 where rowid<=%2").arg(kTable).arg(upTo).toStdString());
-    zlog_info(g_zlog, "del data num:%d result:%d", n, ok ? 1 : 0);
-    if (ok) {
-        for (Batch &b : m_inFlight)
-            b.rowids.erase(std::remove_if(b.rowids.begin(), b.rowids.end(), [upTo](qint64 id) { return id <= upTo; }),
-                           b.rowids.end());
-    }
-    return ok;
+    m_clock.start();
 }
 
-// Called with m_mutex held. A batch whose acknowledgement does not come (it
-// was lost on the way, or the platform was not listening yet) needs a pass
-// of its own: the next sample may be minutes away.
-bool HistoricalData::resendDue() const
+bool HisDelivery::due(const Batch &b) const
 {
-    const qint64 now = nowMs();
-    for (const Batch &b : m_inFlight)
-        if (now - b.sentAtMs >= kResendMs)
-            return true;
+    return m_clock.elapsed() - b.lastPostMs >= kResendMs || b.upCount != Outbox::getInstance()->upCount();
+}
+
+bool HisDelivery::settling(unsigned groupId)
+{
+    auto it = m_settles.find(groupId);
+    if (it == m_settles.end())
+        return false;
+    if (m_clock.elapsed() < it->untilMs)
+        return true;
+    m_settles.erase(it);
     return false;
 }
 
-QList<unsigned> HistoricalData::groupsWithRows()
+bool HisDelivery::passDue()
 {
-    QStringList cells;
-    QList<unsigned> ids;
-    if (m_db && m_db->select(QString("select distinct sampleID from %1 order by sampleID").arg(kTable).toStdString(),
-                             cells))
-        for (const QString &c : cells)
-            ids << c.toUInt();
-    return ids;
+    bool due = false;
+    // A wait that ended is over whether or not the group has rows left.
+    for (auto it = m_settles.begin(); it != m_settles.end();) {
+        if (m_clock.elapsed() < it->untilMs) {
+            ++it;
+            continue;
+        }
+        it = m_settles.erase(it);
+        due = true;
+    }
+    // A batch whose rows were all pruned has nothing to send again; it stays
+    // only to take its acknowledgement.
+    for (const Batch &b : qAsConst(m_batches))
+        due = due || (!b.rowids.isEmpty() && this->due(b));
+    return due;
 }
 
-QByteArray HistoricalData::batchText(unsigned groupId, bool resend)
+// A step from group to group along the index, so that a pass costs a few
+// lookups per group however many rows wait.
+bool HisDelivery::nextGroup(qint64 after, qint64 *groupId)
 {
-    auto it = m_inFlight.find(groupId);
-    QString sql;
-    if (it != m_inFlight.end()) {
-        if (!resend && nowMs() - it->sentAtMs < kResendMs)
-            return QByteArray();
-        sql = QString("select rowid,data,datetime from %1 where rowid in (%2) order by rowid")
-                  .arg(kTable, idList(it->rowids));
-    } else {
-        sql = QString("select rowid,data,datetime from %1 where sampleID=%2 order by rowid limit %3")
-                  .arg(kTable)
-                  .arg(groupId)
-                  .arg(lumbra::his::kBatchRows);
-    }
     QStringList cells;
-    if (!m_db || !m_db->select(sql.toStdString(), cells) || cells.size() < 3) {
-        m_inFlight.remove(groupId);  // nothing left of it
-        return QByteArray();
+    if (!m_db ||
+        !m_db->select(QString("select sampleID from %1 where sampleID > %2 order by sampleID limit 1")
+                          .arg(kTable)
+                          .arg(after)
+                          .toStdString(),
+                      cells) ||
+        cells.isEmpty())
+        return false;
+    *groupId = cells.first().toLongLong();
+    return true;
+}
+
+bool HisDelivery::sendPass(const QMap<unsigned, QStringList> &labels, bool zip)
+{
+    qint64 group = LLONG_MIN;
+    while (nextGroup(group, &group)) {
+        const unsigned id = static_cast<unsigned>(group);
+        if (settling(id))
+            continue;
+        auto it = m_batches.constFind(id);
+        if (it != m_batches.cend() && !due(*it))
+            continue;
+        if (!sendGroup(id, labels.value(id), zip))
+            return false;
     }
-    Batch batch;
-    QList<sendDataTime_t> rows;
-    for (int i = 0; i + 2 < cells.size(); i += 3) {
-        batch.rowids << cells.at(i).toLongLong();
-        rows.append(sendDataTime_t{cells.at(i + 1), cells.at(i + 2)});
+    return true;
+}
+
+// A batch in flight goes again with exactly its rows (those not pruned
+// since): the acknowledgement names only the group, so every copy the
+// platform may answer must stand for the same rows.
+bool HisDelivery::selectRows(unsigned groupId, const Batch *inFlight, QStringList *cells)
+{
+    if (!m_db)
+        return false;
+    const QString sql =
+        inFlight ? QString("select rowid,data,datetime from %1 where rowid in (%2) order by rowid")
+                       .arg(kTable, idList(inFlight->rowids))
+                 : QString("select rowid,data,datetime from %1 where sampleID=%2 order by rowid limit %3")
+                       .arg(kTable)
+                       .arg(groupId)
+                       .arg(kBatchRows);
+    return m_db->select(sql.toStdString(), *cells);
+}
+
+bool HisDelivery::sendGroup(unsigned groupId, const QStringList &labels, bool zip)
+{
+    auto it = m_batches.find(groupId);
+    QStringList cells;
+    if (it != m_batches.end() && (!selectRows(groupId, &*it, &cells) || cells.isEmpty())) {
+        // Every row of it was pruned: the group starts afresh.
+        m_batches.erase(it);
+        it = m_batches.end();
     }
-    const QByteArray text =
-        lumbra::his::batchMessage(deviceInfo::getInstance()->sn(), groupId, m_formats.value(groupId), rows);
+    if (it == m_batches.end() && !selectRows(groupId, nullptr, &cells))
+        return true;
+    QVector<qint64> rowids;
+    QList<HistoricalData::sendDataTime_t> rows;
+    for (int i = 0; i + kRowCells <= cells.size(); i += kRowCells) {
+        rowids << cells.at(i).toLongLong();
+        rows.append({cells.at(i + 1), cells.at(i + 2)});
+    }
+    if (rows.isEmpty())
+        return true;
+    zlog_info(g_zlog, "send group id:%d data size:%d", static_cast<int>(groupId), rows.size());
+    const QByteArray text = lumbra::his::batchMessage(deviceInfo::getInstance()->sn(), groupId, labels, rows);
     if (text.isEmpty()) {
         zlog_error(g_zlog, "json serializer err %s", "empty document");
-        return text;
+        return true;
     }
-    zlog_info(g_zlog, "send group id:%d data size:%d", static_cast<int>(groupId), rows.size());
-    batch.sentAtMs = nowMs();
-    m_inFlight.insert(groupId, batch);
-    return text;
-}
-
-void HistoricalData::postBatch(const QByteArray &text)
-{
-    const bool zip = m_compress;
+    Outbox *outbox = Outbox::getInstance();
+    const quint64 ups = outbox->upCount();
     const char *topic = zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData";
-    // Refused only when the cloud just went down: the batch stays in flight
-    // and goes again when it is back.
-    Outbox::getInstance()->post(topic, QString::fromUtf8(text), zip, 0, Outbox::Stored);
+    if (!outbox->post(topic, QString::fromUtf8(text), zip, 0, Outbox::Stored))
+        return false;
+    Batch &b = m_batches[groupId];
+    ++b.posts;
+    b.rowids = rowids;
+    b.lastPostMs = m_clock.elapsed();
+    b.upCount = ups;
+    return true;
 }
 
-// A send pass: every group with rows sends its next batch, or its batch in
-// flight again when that has waited long enough.
-void HistoricalData::sendData()
+int HisDelivery::ack(unsigned groupId)
 {
-    QList<QByteArray> texts;
-    {
-        QMutexLocker lock(&m_mutex);
-        const bool resend = m_cloudBack;
-        m_cloudBack = false;
-        for (unsigned groupId : groupsWithRows()) {
-            const QByteArray text = batchText(groupId, resend);
-            if (!text.isEmpty())
-                texts << text;
-        }
+    auto it = m_batches.find(groupId);
+    if (it == m_batches.end()) {
+        auto settle = m_settles.find(groupId);
+        const bool copy = settle != m_settles.end();
+        if (copy && --settle->acksLeft <= 0)
+            m_settles.erase(settle);
+        int held;
+        if (m_unmatchedLog.allow(&held))
+            zlog_info(g_zlog, "recv history ack group:%u %s, nothing deleted (%d more since the last line)", groupId,
+                      copy ? "for another copy of its last batch" : "with no batch in flight", held);
+        return -1;
     }
-    for (const QByteArray &text : texts)
-        postBatch(text);
+    // Rows pruned since the batch went are no longer in it.
+    const int n = it->rowids.size();
+    const bool ok = n == 0 || (m_db && m_db->del(QString("delete from %1 where rowid in (%2)")
+                                                     .arg(kTable, idList(it->rowids))
+                                                     .toStdString()));
+    zlog_info(g_zlog, "recv del data num:%d result:%d", n, ok ? 1 : 0);
+    // A failed delete keeps the batch: it goes again and is acknowledged
+    // again.
+    if (!ok)
+        return 0;
+    // Every copy sent may be answered. Until the answers to the others are
+    // in (they come close behind), the group's next batch waits, so that
+    // they cannot be taken for its acknowledgement.
+    if (it->posts > 1)
+        m_settles[groupId] = {m_clock.elapsed() + kSettleMs, it->posts - 1};
+    m_batches.erase(it);
+    return n;
 }
 
-void HistoricalData::AckdelHisData(unsigned int groupId)
+void HisDelivery::forgetUpTo(qint64 lastRowid)
 {
-    QByteArray next;
-    {
-        QMutexLocker lock(&m_mutex);
-        // Taken, not read: a second acknowledgement of the same batch, or one
-        // for a batch from before a restart, finds nothing to delete.
-        if (!m_inFlight.contains(groupId)) {
-            zlog_info(g_zlog, "recv history ack for group %u with no batch in flight, ignored", groupId);
-            return;
-        }
-        const Batch batch = m_inFlight.take(groupId);
-        bool ok = batch.rowids.isEmpty();
-        if (m_db && !ok)
-            ok = m_db->del(
-                QString("delete from %1 where rowid in (%2)").arg(kTable, idList(batch.rowids)).toStdString());
-        if (ok)
-            m_rowCount -= qMin(m_rowCount, static_cast<unsigned>(batch.rowids.size()));
-        zlog_info(g_zlog, "recv del data num:%d result:%d", static_cast<int>(batch.rowids.size()), ok ? 1 : 0);
-        // The group's next batch goes at once: a backlog drains at the pace
-        // of the platform's answers.
-        if (ok && Outbox::getInstance()->cloudUp())
-            next = batchText(groupId, false);
+    for (Batch &b : m_batches) {
+        QVector<qint64> kept;
+        for (qint64 id : qAsConst(b.rowids))
+            if (id > lastRowid)
+                kept << id;
+        b.rowids = kept;
     }
-    if (!next.isEmpty())
-        postBatch(next);
+}
+
+void HisDelivery::drop(unsigned groupId)
+{
+    m_batches.remove(groupId);
+    m_settles.remove(groupId);
 }

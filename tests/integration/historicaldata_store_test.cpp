@@ -1,6 +1,5 @@
 // The history service's configuration and store, on local registers only.
 #include "HistoricalData/HistoricalData.h"
-#include "SQLiteDB/SQLiteDB.h"
 #include "generalFunc/globals.h"
 #include "testsupport.h"
 
@@ -72,25 +71,6 @@ TEST_F(HistoryStore, CorruptDatabaseIsLoggedAndTheServiceKeepsRunning)
     g_now = 2;
     EXPECT_TRUE(eventually([&] { return log.count("SQL error") >= 3; }));  // table, count, insert
     EXPECT_TRUE(his->isRunning());
-}
-
-TEST_F(HistoryStore, InsertPastOneHundredThousandRowsDeletesTheOldestTwoThousand)
-{
-    {
-        SQLiteDB db("history_iot.db");
-        ASSERT_TRUE(db.createTableSQL("historydata"));
-        ASSERT_TRUE(db.executeSQL("WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 100000) "
-                                  "INSERT INTO historydata SELECT 0, 'old', x FROM n"));
-    }
-    start(kOneGroup);
-    SQLiteDB db("history_iot.db");
-    EXPECT_TRUE(eventually([&] { return db.dataNum("historydata") == 98001; }));
-    QStringList cells;
-    ASSERT_TRUE(db.select("select min(datetime), count(*) from historydata where sampleID=1", cells));
-    EXPECT_EQ(cells, (QStringList{QString::number(1 - g_zonetime), "1"}));
-    cells.clear();
-    ASSERT_TRUE(db.select("select min(rowid) from historydata", cells));
-    EXPECT_EQ(cells, QStringList{"2001"});
 }
 
 TEST_F(HistoryStore, OnlineDeleteTakesIdsWrittenAsText)

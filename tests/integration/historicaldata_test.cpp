@@ -1,14 +1,14 @@
 // The history service in the gateway's own process: a libmodbus slave as the
-// device, a nanomsg peer as the agent, and a clock that the test walks.
+// device, a platform played at the outbox, and a clock that the test walks.
 #include "HistoricalData/HistoricalData.h"
-#include "IotToMqttComm/IotToMqttComm.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
+#include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
-#include "agentpeer.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
 #include "modbusslave.h"
+#include "outboxplatform.h"
 #include "tcplink.h"
 #include "testsupport.h"
 
@@ -62,7 +62,6 @@ protected:
     WorkDir work;
     BoxRoot box;
     std::unique_ptr<ModbusSlave> slave;
-    std::unique_ptr<AgentPeer> agent;
     std::unique_ptr<SQLiteDB> db;
     HistoricalData *his = HistoricalData::getInstance();
     communication *comm = communication::getInstance();
@@ -73,15 +72,9 @@ protected:
         tzset();
         box.write("/usr/brenta/iot_conf/sn.conf", kSerial);
         deviceInfo::getInstance()->init();
-        MqttMsgEvent::MqttDealMapInit();
         const int port = freeTcpPort();
         slave = ModbusSlave::tcp(port, 1);
         ASSERT_TRUE(slave);
-        const QString url = QString("tcp://127.0.0.1:%1").arg(freeTcpPort());
-        qputenv("LUMBRA_AGENT_URL", url.toUtf8());
-        agent = std::make_unique<AgentPeer>(url);
-        ASSERT_TRUE(agent->bound());
-        IotToMqttComm::getInstance()->init();
         writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
         comm->initLinks();
     }
@@ -90,7 +83,6 @@ protected:
     {
         his->stop();
         comm->stopLinks();
-        IotToMqttComm::getInstance()->stop(2000);
     }
 
     void start(const QStringList &groups, const QString &settings = R"("upload_func_state":true)")
@@ -206,91 +198,200 @@ TEST_F(History, TimingGroupsSampleAtTheirClockTimesAndMinute)
     EXPECT_TRUE(rowsReach(22, 1));
 }
 
-class HistoryUpload : public History, public ::testing::WithParamInterface<bool> {
-protected:
-    // The next batch of one group, checked for its envelope.
-    QJsonObject batch(int groupId)
-    {
-        const bool zip = GetParam();
-        AgentUpload up = agent->receiveTopic(zip ? "/DevSend/Sequential/HisDataCompress" : "/DevSend/Sequential/HisData",
-                                             3000);
-        EXPECT_TRUE(up.ok());
-        EXPECT_EQ(up.envelope.value("zip").toBool(), zip);
-        EXPECT_EQ(up.msg.value("sn_code").toString(), kSerial);
-        EXPECT_EQ(up.msg.value("group_id").toInt(-1), groupId);
-        return up.msg;
-    }
-    void ack(int groupId)
-    {
-        ASSERT_TRUE(agent->send(QString(R"({"topic":"/DevRecv/HisData","msg":"{\"status\":\"yes\",\"group_id\":%1}"})")
-                                    .arg(groupId)
-                                    .toUtf8()));
-    }
-};
-
-TEST_P(HistoryUpload, BatchesPerGroupLeaveOnlyWhenAcknowledged)
+void acknowledge(unsigned groupId, const char *status = "yes")
 {
+    MqttMsgEvent::recvHistoryDataAck(QString(R"({"status":"%1","group_id":%2})").arg(status).arg(groupId));
+}
+
+class HistoryUpload : public History, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(HistoryUpload, ABatchCarriesItsGroupsRowsWithTheirLabels)
+{
+    const bool zip = GetParam();
     slave->setHolding(0, 1234);
     slave->setHolding(10, 'i' << 8 | 't');
     slave->setHolding(11, '\'' << 8 | 's');  // and a zero word to end the text
-    start({group(5, 2, trigger(2, 1)),
-           group(6, 1, R"("sample_interval":"0,0,50")",
+    start({group(6, 1, R"("sample_interval":"0,0,50")",
                  {point(0), point(10, 7, R"("data_totalDigits":6,"data_devimalDigits":3,)")})},
-          QString(R"("upload_func_state":true,"compressed":%1)").arg(GetParam() ? "true" : "false"));
+          QString(R"("upload_func_state":true,"compressed":%1)").arg(zip ? "true" : "false"));
     ASSERT_TRUE(deviceShows("4X", 11, '\'' << 8 | 's'));
     g_now = 100;
     ASSERT_TRUE(rowsReach(6, 1));
     g_now = 150;
     ASSERT_TRUE(rowsReach(6, 2));
-    EXPECT_EQ(column("data", 6).value(0), "1234\nit's");
-    EXPECT_FALSE(agent->receiveTopic("HisData", 300).ok());  // the cloud is down: rows wait
 
-    // The cloud comes up: what waited goes at once, a batch per group.
-    ASSERT_TRUE(agent->send(R"({"topic":"mqtt_status_Notification","status":true})"));
-    QJsonObject six = batch(6);
-    EXPECT_EQ(six.value("data_samples").toString(), "0_0,7_-1");
-    const QJsonArray data = six.value("data").toArray();
+    // The cloud coming up starts a pass at once.
+    OutboxPlatform platform;
+    Outbox::getInstance()->setCloudState(true);
+    const Posted batch = platform.next(zip ? "/Sequential/HisDataCompress" : "/Sequential/HisData", 3000);
+    ASSERT_TRUE(batch.ok());
+    EXPECT_EQ(batch.zip, zip);
+    EXPECT_EQ(batch.msg.value("sn_code").toString(), kSerial);
+    EXPECT_EQ(batch.msg.value("group_id").toInt(-1), 6);
+    EXPECT_EQ(batch.msg.value("data_samples").toString(), "0_0,7_-1");
+    const QJsonArray data = batch.msg.value("data").toArray();
     ASSERT_EQ(data.size(), 2);
     EXPECT_EQ(data[0].toObject().value("data_text").toString(), "1234\nit's");
     EXPECT_EQ(data[1].toObject().value("data_time").toString(), QString::number(150 - g_zonetime));
 
-    // An edge samples group 5 and starts a pass.
-    const auto edge = [&] {
-        slave->setCoil(1, false);
-        ASSERT_TRUE(deviceShows("0X", 1, 0));
-        QThread::msleep(300);  // the service sees the bit clear
-        slave->setCoil(1, true);
-    };
-    ASSERT_NO_FATAL_FAILURE(edge());
-    QJsonObject five = batch(5);
-    EXPECT_EQ(five.value("data_samples").toString(), "0_0");
-    EXPECT_EQ(five.value("data").toArray().size(), 1);
-
-    // A batch in flight is not sent again at once, nor grown: the second
-    // edge's row waits for the next batch of its group.
-    ASSERT_NO_FATAL_FAILURE(edge());
-    ASSERT_TRUE(rowsReach(5, 2));
-    EXPECT_FALSE(agent->receiveTopic("HisData", 800).ok());
-
-    // Unknown groups delete nothing. Group 6 is never acknowledged, yet
-    // group 5's acknowledgement deletes what it carried and sends the next
-    // batch at once; a second acknowledgement of it deletes nothing.
-    ack(99);
-    ack(5);
-    QJsonObject next = batch(5);
-    EXPECT_EQ(next.value("data").toArray().size(), 1);
-    EXPECT_EQ(rows(5), 1);
-    EXPECT_EQ(rows(6), 2);
-    EXPECT_TRUE(log.contains("recv history ack for group 99 with no batch in flight, ignored"));
-    ack(6);
+    // Whatever the platform says of the batch, it has it.
+    acknowledge(6, "no");
     EXPECT_TRUE(rowsReach(6, 0));
-    g_now = 200;
-    ASSERT_TRUE(rowsReach(6, 1));
-    ack(6);  // that batch is gone already: the new row was never sent
-    ack(5);
-    EXPECT_TRUE(rowsReach(5, 0));
-    EXPECT_EQ(rows(6), 1);
+    EXPECT_TRUE(log.contains("recv history data acv err:"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Plain, HistoryUpload, ::testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(Compressed, HistoryUpload, ::testing::Values(true));
+
+namespace {
+
+// Rows already stored (as after an outage), no device: the group ids are
+// the only thing that matters here.
+class HistoryDelivery : public ::testing::Test {
+protected:
+    LogCapture log;
+    WorkDir work;
+    BoxRoot box;
+    HistoricalData *his = HistoricalData::getInstance();
+    SQLiteDB db{"history_iot.db"};
+
+    void SetUp() override
+    {
+        box.write("/usr/brenta/iot_conf/sn.conf", kSerial);
+        deviceInfo::getInstance()->init();
+        ASSERT_TRUE(db.createTableSQL("historydata"));
+        Outbox::getInstance()->setCloudState(true);
+    }
+    void TearDown() override { his->stop(); }
+
+    // count rows of the group, their times first, first + 1, ...
+    void fill(unsigned groupId, int count, int first)
+    {
+        ASSERT_TRUE(db.executeSQL(QString("WITH RECURSIVE n(x) AS (SELECT %1 UNION ALL SELECT x + 1 FROM n "
+                                          "WHERE x < %2) INSERT INTO historydata SELECT %3, 'row', x FROM n")
+                                      .arg(first)
+                                      .arg(first + count - 1)
+                                      .arg(groupId)
+                                      .toStdString()));
+    }
+    // groups: the "data" items of the configuration.
+    void start(const QString &groups)
+    {
+        work.write("iotRunTime/HistoryConfiguration.json",
+                   QString(R"({"upload_func_state":true,"data":[%1]})").arg(groups).toUtf8());
+        his->setClock(&testClock);
+        his->init();
+        ASSERT_TRUE(his->isRunning());
+    }
+    int rows(const QString &where = "1")
+    {
+        QStringList cells;
+        db.select(("select count(*) from historydata where " + where).toStdString(), cells);
+        return cells.value(0, "-1").toInt();
+    }
+    int rows(unsigned groupId) { return rows(QString("sampleID=%1").arg(groupId)); }
+};
+
+// A group that never samples by itself.
+QString idle(unsigned groupId)
+{
+    return QString(R"({"group_id":%1,"sample_method":0})").arg(groupId);
+}
+
+// The data_time texts of a batch, as "1,2,3".
+std::string times(const Posted &batch)
+{
+    QStringList out;
+    for (const QJsonValue &row : batch.msg.value("data").toArray())
+        out << row.toObject().value("data_time").toString();
+    return out.join(',').toStdString();
+}
+
+std::string numbers(int first, int last)
+{
+    QStringList out;
+    for (int i = first; i <= last; ++i)
+        out << QString::number(i);
+    return out.join(',').toStdString();
+}
+
+}  // namespace
+
+TEST_F(HistoryDelivery, AGroupNeverAcknowledgedHoldsBackNoOther)
+{
+    fill(1, 300, 1);
+    fill(2, 700, 301);
+    OutboxPlatform platform(20, [](const Posted &p) {
+        if (p.msg.value("group_id").toInt() == 2)
+            acknowledge(2);
+    });
+    start(idle(1) + "," + idle(2));
+    ASSERT_TRUE(eventually([&] { return rows(2) == 0; }, 3000)) << rows(2) << " rows of group 2 left";
+    EXPECT_EQ(rows(1), 300);
+
+    std::string two;
+    int ones = 0;
+    for (const Posted &p : platform.received()) {
+        if (p.msg.value("group_id").toInt() == 2)
+            two += (two.empty() ? "" : ",") + times(p);
+        else
+            ++ones;
+    }
+    EXPECT_EQ(two, numbers(301, 1000));  // each row once, in order
+    EXPECT_EQ(ones, 1);  // not again before its resend time
+
+    // Acknowledgements with no batch behind them take nothing.
+    for (unsigned id : {2u, 9u, 2u})
+        acknowledge(id);
+    EXPECT_EQ(rows(), 300);
+    EXPECT_EQ(log.count("with no batch in flight"), 1);
+}
+
+TEST_F(HistoryDelivery, AnAcknowledgementAfterPruningTakesOnlyRowsItsBatchCarried)
+{
+    fill(2, 1900, 1);
+    fill(1, 98099, 1901);
+    OutboxPlatform platform;
+    g_now = 1;
+    start(idle(2) + R"(,{"group_id":1,"sample_method":1,"sample_interval":"0,0,1","sample_data":[)"
+                    R"({"data_type":0,"data_readAddress":{"block":"LW","no":"0"}}]})");
+    const Posted first = platform.next("HisData", 3000), second = platform.next("HisData", 3000);
+    ASSERT_TRUE(first.ok() && second.ok());
+    const Posted &one = first.msg.value("group_id").toInt() == 1 ? first : second;
+    EXPECT_EQ(times(one), numbers(1901, 2200));
+    ASSERT_EQ(rows(), 100000);
+
+    // The next sample passes the cap: the 2,000 oldest rows go, a hundred
+    // of group 1's batch among them.
+    g_now = 2;
+    ASSERT_TRUE(eventually([&] { return rows() == 98001; }));
+    EXPECT_EQ(rows("rowid <= 2000"), 0);
+    acknowledge(1);
+    EXPECT_EQ(rows(), 98001 - 200);
+    EXPECT_EQ(rows("sampleID=1 and rowid <= 2200"), 0);
+    acknowledge(2);  // every row of its batch was pruned
+    EXPECT_EQ(rows(), 98001 - 200);
+}
+
+TEST_F(HistoryDelivery, TheAcknowledgementsOfABatchSentTwiceTakeItsRowsOnly)
+{
+    fill(1, 400, 1);
+    OutboxPlatform platform;
+    start(idle(1));
+    ASSERT_EQ(times(platform.next("HisData", 3000)), numbers(1, 300));
+    Outbox::getInstance()->agentLost();
+    Outbox::getInstance()->setCloudState(true);
+    ASSERT_EQ(times(platform.next("HisData", 3000)), numbers(1, 300));
+
+    // The platform answers both copies; the group's next batch waits for
+    // the second answer, which must not be taken for its own.
+    acknowledge(1);
+    EXPECT_EQ(rows(), 100);
+    EXPECT_FALSE(platform.next("HisData", 500).ok());
+    acknowledge(1);
+    EXPECT_EQ(rows(), 100);
+    const Posted next = platform.next("HisData", 1000);
+    EXPECT_EQ(times(next), numbers(301, 400));
+    acknowledge(1);
+    EXPECT_EQ(rows(), 0);
+}
