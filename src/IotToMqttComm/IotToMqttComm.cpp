@@ -10,6 +10,7 @@
 
 #include <nanomsg/nn.h>
 #include <nanomsg/pair.h>
+#include <nanomsg/tcp.h>
 
 #include <cerrno>
 
@@ -69,6 +70,11 @@ void IotToMqttComm::init()
     // receive limit, which drops the link rather than the message.
     int unlimited = -1;
     if (nn_setsockopt(sock, NN_SOL_SOCKET, NN_RCVMAXSIZE, &unlimited, sizeof unlimited) < 0)
+        zlog_error(g_zlog, "nn_setsockopt fail:%s", nn_strerror(nn_errno()));
+    // Acknowledged traffic (alarm events, history batches) waits a round trip
+    // per message: Nagle's delay would add a delayed-ACK period to each.
+    int noDelay = 1;
+    if (nn_setsockopt(sock, NN_TCP, NN_TCP_NODELAY, &noDelay, sizeof noDelay) < 0)
         zlog_error(g_zlog, "nn_setsockopt fail:%s", nn_strerror(nn_errno()));
     // nanomsg keeps reconnecting on its own, so an agent that is not up yet
     // is no reason to give up here.

@@ -48,6 +48,7 @@ AckingCloud::AckingCloud(int brokerPort, const QString &prefix, int ackDelayMs)
     mosquitto_connect_callback_set(m_mosq, onConnect);
     mosquitto_disconnect_callback_set(m_mosq, onDisconnect);
     mosquitto_reconnect_delay_set(m_mosq, 1, 1, false);
+    mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_async(m_mosq, "127.0.0.1", brokerPort, 10);
     mosquitto_loop_start(m_mosq);
     m_acker = std::thread([this] { ackLoop(); });

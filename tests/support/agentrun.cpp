@@ -31,7 +31,8 @@ bool AgentRun::start(const QStringList &gatewayCommand, const QString &workDir)
 {
     const QString ini = m_dir.path() + "/agent.ini";
     writeFile(ini, (m_config + m_extra).toUtf8());
-    return m_proc.start(m_binary, QStringList{"-v", "-c", ini} + gatewayCommand,
+    const QStringList options = m_verbose ? QStringList{"-v", "-c", ini} : QStringList{"-c", ini};
+    return m_proc.start(m_binary, options + gatewayCommand,
                         workDir.isEmpty() ? m_dir.path() : workDir);
 }
 

@@ -24,9 +24,12 @@ public:
     // More INI text, appended to the defaults (later keys win).
     void addConfig(const QString &ini) { m_extra += ini + "\n"; }
 
-    // Starts the agent in workDir (default: a temp dir), -v on, with the
-    // gateway command, if any, after the options.
+    // Starts the agent in workDir (default: a temp dir), -v on unless
+    // turned off, with the gateway command, if any, after the options.
     bool start(const QStringList &gatewayCommand = {}, const QString &workDir = QString());
+    // A child whose pipe nobody reads blocks once it is full: runs that
+    // only measure turn -v off.
+    void setVerbose(bool on) { m_verbose = on; }
     ChildProcess &process() { return m_proc; }
     QString output() { return m_proc.output(); }
     // Reads the agent's output until cond holds or timeoutMs passed.
@@ -45,6 +48,7 @@ private:
     QString m_config;
     QString m_extra;
     QString m_binary;
+    bool m_verbose = true;
     ChildProcess m_proc;
 };
 

@@ -81,6 +81,9 @@ bool BrokerLink::start()
     // Our thread runs the network loop while others publish.
     mosquitto_threaded_set(m, true);
     mosquitto_int_option(m, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+    // The gateway waits for the platform's answer to each alarm event, so
+    // latency, not packing, decides how fast a backlog drains.
+    mosquitto_int_option(m, MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_callback_set(m, connectCallback);
     mosquitto_message_callback_set(m, messageCallback);
     mosquitto_subscribe_callback_set(m, subscribeCallback);

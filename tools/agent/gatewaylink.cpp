@@ -4,6 +4,7 @@
 
 #include <nanomsg/nn.h>
 #include <nanomsg/pair.h>
+#include <nanomsg/tcp.h>
 
 #include <cerrno>
 #include <cstring>
@@ -28,9 +29,9 @@ GatewayLink::~GatewayLink()
     stop();
 }
 
-bool GatewayLink::socketOption(int option, int value, const char *name)
+bool GatewayLink::socketOption(int level, int option, int value, const char *name)
 {
-    if (nn_setsockopt(m_socket.get(), NN_SOL_SOCKET, option, &value, sizeof value) == 0)
+    if (nn_setsockopt(m_socket.get(), level, option, &value, sizeof value) == 0)
         return true;
     AGENT_ERROR("gateway socket: cannot set %s: %s", name, nn_strerror(nn_errno()));
     return false;
@@ -58,7 +59,10 @@ bool GatewayLink::open(const QByteArray &url)
     }
     // History batches of a busy gateway outgrow nanomsg's 1 MB default, which
     // would cut the connection instead of delivering them.
-    socketOption(NN_RCVMAXSIZE, -1, "NN_RCVMAXSIZE");
+    socketOption(NN_SOL_SOCKET, NN_RCVMAXSIZE, -1, "NN_RCVMAXSIZE");
+    // Alarm events go one at a time, each waiting for its acknowledgement:
+    // Nagle's delay would cost every one of them a delayed-ACK period.
+    socketOption(NN_TCP, NN_TCP_NODELAY, 1, "NN_TCP_NODELAY");
     if (nn_bind(m_socket.get(), url.constData()) < 0) {
         AGENT_ERROR("gateway socket: cannot bind %s: %s", url.constData(), nn_strerror(nn_errno()));
         return false;

@@ -48,7 +48,7 @@ public:
     void stop();
 
 private:
-    bool socketOption(int option, int value, const char *name);
+    bool socketOption(int level, int option, int value, const char *name);
     int socketFd(int option);
     void run(int rcvFd, int sndFd);
     bool receiveAll();
