@@ -14,12 +14,40 @@
 #include "device_comm/communication.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
+#include "generalFunc/singleinstance.h"
+#include "generalFunc/boxpath.h"
 
 #include <QCoreApplication>
 
 #include <csignal>
 #include <malloc.h>
 #include <cstdlib>
+
+namespace {
+
+// False when another gateway runs. A lock file that cannot be used (a
+// read-only /var/run, a developer without rights) falls back to counting
+// processes by name, which is racy but better than two gateways.
+bool holdSingleInstance()
+{
+    const QString path = lumbra::boxPath("/var/run/lumbra.pid");
+    QString why;
+    switch (lumbra::lockSingleInstance(path, &why)) {
+    case lumbra::InstanceLock::Held:
+        if (!why.isEmpty())
+            zlog_error(g_zlog, "cannot write pid to %s: %s", path.toLocal8Bit().constData(), why.toLocal8Bit().constData());
+        return true;
+    case lumbra::InstanceLock::HeldByAnother:
+        return false;
+    case lumbra::InstanceLock::Unusable:
+        break;
+    }
+    zlog_error(g_zlog, "cannot lock %s: %s; counting processes instead", path.toLocal8Bit().constData(),
+               why.toLocal8Bit().constData());
+    return unitTool::CheckProcessNum("Lumbra") <= 1;
+}
+
+}  // namespace
 
 int main(int argc, char *argv[])
 {
@@ -30,7 +58,7 @@ int main(int argc, char *argv[])
     zlog_info(g_zlog, "App %s start 编译日期：%s %s", g_IotVersion.toLocal8Bit().constData(), __DATE__,
               __TIME__);
 
-    if (unitTool::CheckProcessNum("Lumbra") > 1) {
+    if (!holdSingleInstance()) {
         zlog_info(g_zlog, "App exist exit");
         exit(0);
     }

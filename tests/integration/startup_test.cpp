@@ -65,6 +65,21 @@ TEST(Startup, SecondInstanceExitsAtOnceBeforeAnyService)
     EXPECT_FALSE(out.contains("timezone:"));
     EXPECT_FALSE(out.contains("device sn:"));
     EXPECT_TRUE(first.running());
+    EXPECT_EQ(readFile(box.root.path() + "/var/run/lumbra.pid").trimmed().toLongLong(), first.pid());
+}
+
+// Counting processes by name let two gateways started in the same instant
+// both see two and both leave. Another box (another root) is no rival.
+TEST(Startup, OfGatewaysStartedTogetherExactlyOneRunsPerBox)
+{
+    for (int round = 0; round < 5; ++round) {
+        Box box, otherBox;
+        ChildProcess a, b, other;
+        ASSERT_TRUE(box.start(a) && box.start(b) && otherBox.start(other));
+        ASSERT_TRUE(eventually([&] { return a.waitForExit(20) || b.waitForExit(20); }, 5000));
+        EXPECT_FALSE(a.waitForExit(300) && b.waitForExit(300)) << "round " << round;
+        EXPECT_TRUE(other.running()) << other.output().toStdString();
+    }
 }
 
 TEST(Startup, TimeZoneFileSetsOffset)
