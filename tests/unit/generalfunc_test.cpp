@@ -1,6 +1,7 @@
 #include "generalFunc/boxpath.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
+#include "generalFunc/secrets.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -200,4 +201,26 @@ TEST(AgentUrl, DefaultAndOverride)
     EXPECT_EQ(lumbra::agentUrl(), "tcp://127.0.0.1:24401");
     setenv("LUMBRA_AGENT_URL", "tcp://127.0.0.1:5555", 1);
     EXPECT_EQ(lumbra::agentUrl(), "tcp://127.0.0.1:5555");
+}
+
+// Each line is what reaches a log: the secret must go, everything else stay.
+TEST(Secrets, ValuesOfSecretKeysAreMaskedWhereverTheyAppear)
+{
+    struct Case {
+        const char *in, *out;
+    } cases[] = {
+        {R"({"ip":"10.0.0.1","user":"ftp","pwd":"s3cr\"et","port":21})",
+         R"({"ip":"10.0.0.1","user":"ftp","pwd":"***","port":21})"},
+        {R"({"topic":"/DevRecv/OnlineServerSet","msg":"{\"user_name\":\"u\",\"pass_word\":\"hunter2\",\"port\":1883}"})",
+         R"({"topic":"/DevRecv/OnlineServerSet","msg":"{\"user_name\":\"u\",\"pass_word\":\"***\",\"port\":1883}"})"},
+        {R"({"Password": 12345, "keyfile":"/etc/k.pem"})", R"({"Password": "***", "keyfile":"/etc/k.pem"})"},
+        {"password=hunter2", "password=***"},
+        {"bad line in [broker]: pass_word = hunter2 ;x", "bad line in [broker]: pass_word = *** ;x"},
+        {R"({"api_token":"abc","note":"no password here"})", R"({"api_token":"***","note":"no password here"})"},
+        {"nothing to hide: port=1883", "nothing to hide: port=1883"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(lumbra::maskSecrets(QString::fromUtf8(c.in)).toStdString(), c.out) << c.in;
+    EXPECT_TRUE(lumbra::isSecretKey("pass_word"));
+    EXPECT_FALSE(lumbra::isSecretKey("keepalive"));
 }
