@@ -46,6 +46,13 @@ void appendFraction(std::string &out, long value, int digits)
 std::string sourceName(const char *file)
 {
     std::string name(file ? file : "");
+    // A compiler cache may hand the compiler relative source paths, which
+    // the build's prefix map cannot match: "../../../src/x/y.cpp".
+    size_t up = 0;
+    while (name.compare(up, 3, "../") == 0)
+        up += 3;
+    if (up > 0 && name.compare(up, 4, "src/") == 0)
+        name.erase(0, up + 4);
     size_t slash = name.rfind('/');
     size_t dot = name.rfind('.');
     if (dot != std::string::npos && (slash == std::string::npos || dot > slash))
