@@ -25,14 +25,20 @@ Outbox *Outbox::getInstance()
     return instance;
 }
 
+bool Outbox::post(const QString &topic, const QString &payload, bool zip, int qos, Kind kind)
+{
+    return postUtf8(topic, payload.toUtf8(), zip, qos, kind);
+}
+
 // The envelope is written by hand: a real-time upload of thousands of points
 // would otherwise be copied four times over on its way through a JSON document.
-bool Outbox::post(const QString &topic, const QString &payload, bool zip, int qos, Kind kind)
+bool Outbox::postUtf8(const QString &topic, const QByteArray &payload, bool zip, int qos, Kind kind)
 {
     if (kind == Stored && !m_cloudUp)
         return false;
     QByteArray text;
-    text.reserve(payload.size() + topic.size() + 96);
+    // The payload is JSON itself: every quote in it gains a backslash.
+    text.reserve(payload.size() + payload.size() / 8 + topic.size() + 96);
     text.append("{\"topic\":");
     lumbra::appendJsonString(text, QString("/%1_%2%3").arg(deviceInfo::getInstance()->sn(), g_IotVersion, topic));
     text.append(",\"qos\":").append(QByteArray::number(qos)).append(",\"msg\":");

@@ -41,6 +41,8 @@ public:
     // and queues it. False when it was not queued (a Stored message while the
     // cloud is down, or the box closed); never blocks.
     bool post(const QString &topic, const QString &payload, bool zip, int qos, Kind kind);
+    // The same for a payload that is UTF-8 text already.
+    bool postUtf8(const QString &topic, const QByteArray &payload, bool zip, int qos, Kind kind);
     // Queues text as it is: messages for the agent itself ("restartLumbra").
     bool postRaw(const QByteArray &text);
 

@@ -28,6 +28,20 @@ QByteArray local8(const QString &s)
     return s.toLocal8Bit();
 }
 
+// One {"code":..,"data":".."} of an upload.
+void appendItem(QByteArray &items, const RealData::DataCfg_t &cfg)
+{
+    static const char kCode[] = ",{\"code\":";
+    static const char kData[] = ",\"data\":";
+    // The first item has no comma before it.
+    const int skip = items.isEmpty() ? 1 : 0;
+    items.append(kCode + skip, static_cast<int>(sizeof kCode) - 1 - skip);
+    lumbra::appendJsonInt(items, cfg.code);
+    items.append(kData, static_cast<int>(sizeof kData) - 1);
+    lumbra::appendJsonString(items, cfg.value);
+    items.append('}');
+}
+
 }  // namespace
 
 RealData *RealData::getInstance()
@@ -161,7 +175,7 @@ int RealData::readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size)
 // A point without a good value is left out: the platform keeps showing the
 // last value the device really sent rather than a made-up one, and gets the
 // point again as soon as it reads.
-QString RealData::rtdMessage(bool changedOnly)
+QByteArray RealData::rtdMessage(bool changedOnly)
 {
     QByteArray items;
     QByteArray buffer;
@@ -174,34 +188,32 @@ QString RealData::rtdMessage(bool changedOnly)
             cfg.good = readPoint(cfg, buffer, &size) == 1;
             if (!cfg.good)
                 continue;
-            const QString old = cfg.value;
-            cfg.value = formatValue(cfg, reinterpret_cast<const uchar *>(buffer.constData()), size, old);
-            if (changedOnly && wasGood && cfg.value == old)
+            QString text = formatValue(cfg, reinterpret_cast<const uchar *>(buffer.constData()), size, cfg.value);
+            if (changedOnly && wasGood && text == cfg.value)
                 continue;
-            items.append(items.isEmpty() ? "{\"code\":" : ",{\"code\":");
-            items.append(QByteArray::number(cfg.code));
-            items.append(",\"data\":");
-            lumbra::appendJsonString(items, cfg.value);
-            items.append('}');
+            cfg.value.swap(text);
+            appendItem(items, cfg);
         }
     }
     if (!m_uploadFunState || items.isEmpty())
-        return QString();
-    QByteArray text("{\"sn_code\":");
+        return QByteArray();
+    QByteArray text;
+    text.reserve(items.size() + 64);
+    text.append("{\"sn_code\":");
     lumbra::appendJsonString(text, deviceInfo::getInstance()->sn());
     text.append(",\"data\":[").append(items).append("]}");
-    return QString::fromUtf8(text);
+    return text;
 }
 
 void RealData::uploadData(bool changedOnly)
 {
-    const QString text = rtdMessage(changedOnly);
+    const QByteArray text = rtdMessage(changedOnly);
     if (text.isEmpty())
         return;
     if (m_compressed)
-        Outbox::getInstance()->post("/DevSend/RTDCompress", text, true, 0, Outbox::Latest);
+        Outbox::getInstance()->postUtf8("/DevSend/RTDCompress", text, true, 0, Outbox::Latest);
     else
-        Outbox::getInstance()->post("/DevSend/RTD", text, false, 0, Outbox::Latest);
+        Outbox::getInstance()->postUtf8("/DevSend/RTD", text, false, 0, Outbox::Latest);
 }
 
 bool RealData::GetDataByCode(const int &code, QString &out)

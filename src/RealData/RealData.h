@@ -49,9 +49,9 @@ public:
     // One read-format-send pass; changedOnly leaves out points whose text did
     // not change.
     void uploadData(bool changedOnly);
-    // The read, format and serialise part of a pass: the message text, or
-    // empty when there is nothing to send.
-    QString rtdMessage(bool changedOnly);
+    // The read, format and serialise part of a pass: the message text in
+    // UTF-8, or empty when there is nothing to send.
+    QByteArray rtdMessage(bool changedOnly);
     // The point's text, only while it is good (what the device sent on its
     // last read).
     bool GetDataByCode(const int &code, QString &out);

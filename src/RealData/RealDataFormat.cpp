@@ -4,7 +4,9 @@
 
 #include "generalFunc/generalFunc.h"
 
+#include <charconv>
 #include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -16,6 +18,40 @@ bool isIntegerType(int type)
 double decimalFactor(const RealData::DataCfg_t &cfg)
 {
     return cfg.decimalDigits >= 1 && isIntegerType(cfg.dataType) ? std::pow(10.0, cfg.decimalDigits) : 1.0;
+}
+
+// Qt's number formatting goes through the locale machinery; a plain integer
+// is the commonest point value and needs none of it.
+QString integer(qint64 value)
+{
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    return QString::fromLatin1(digits, static_cast<int>(end - digits));
+}
+
+// value / 10^decimals with that many decimals, exactly as the floating-point
+// route would print it (the division's error is far below half the last
+// place for 32-bit values), without it.
+QString shifted(qint64 value, int decimals)
+{
+    char text[40];
+    char *w = text;
+    if (value < 0)
+        *w++ = '-';
+    const quint64 magnitude = value < 0 ? 0 - static_cast<quint64>(value) : static_cast<quint64>(value);
+    quint64 scale = 1;
+    for (int i = 0; i < decimals; ++i)
+        scale *= 10;
+    w = std::to_chars(w, text + sizeof text, magnitude / scale).ptr;
+    *w++ = '.';
+    char fraction[24];
+    const char *end = std::to_chars(fraction, fraction + sizeof fraction, magnitude % scale).ptr;
+    const int digits = static_cast<int>(end - fraction);
+    for (int i = digits; i < decimals; ++i)
+        *w++ = '0';
+    std::memcpy(w, fraction, static_cast<size_t>(digits));
+    w += digits;
+    return QString::fromLatin1(text, static_cast<int>(w - text));
 }
 
 QString fixed(double value, int decimals)
@@ -56,8 +92,10 @@ QString RealData::formatValue(const DataCfg_t &cfg, const uchar *raw, int rawSiz
     case VALUE_S32:
         if (!unitTool::rawNumber(raw, rawSize, cfg.dataType, number))
             return old;
-        if (cfg.dealType == 0 && cfg.decimalDigits == 0)
-            return QString::number(static_cast<qint64>(number));
+        if (cfg.dealType == 0 && cfg.decimalDigits <= 0)
+            return integer(static_cast<qint64>(number));
+        if (cfg.dealType == 0 && cfg.decimalDigits <= 9)
+            return shifted(static_cast<qint64>(number), cfg.decimalDigits);
         return fixed(setZoom(cfg, number), cfg.decimalDigits);
     case VALUE_BCD16:
     case VALUE_BCD32:

@@ -62,7 +62,7 @@ void communication::initLinks()
     const QList<LinkValue> links = linkValues();
     for (const LinkValue &link : links) {
         auto thread = std::make_shared<ULinkThread>(link.id);
-        int rc = thread->InitLink(link, &communication::_linkValueChangedCB, &communication::_linkErrorCallBack);
+        int rc = thread->InitLink(link, valueChangedCallback(), &communication::_linkErrorCallBack);
         zlog_info(g_zlog, "InitLink Ret:%d", rc);
         QWriteLocker lock(&m_lock);
         m_threads.append(thread);
@@ -285,7 +285,7 @@ int communication::create_freePort(const LinkValue *link)
     zlog_info(g_zlog, "LinkID:%d type:%s m_baudRate:%d", lv.id, local8(lv.linkType).constData(),
               static_cast<int>(lv.baudrate));
     auto thread = std::make_shared<ULinkThread>(lv.id);
-    if (thread->InitLink(lv, &communication::_linkValueChangedCB, &communication::_linkErrorCallBack) != 0)
+    if (thread->InitLink(lv, valueChangedCallback(), &communication::_linkErrorCallBack) != 0)
         zlog_info(g_zlog, "iRet:-1");
     QWriteLocker lock(&m_lock);
     m_links.append(lv);
@@ -399,6 +399,14 @@ void communication::enableExternalAddrInfo(bool enable)
         m_externalEnabled = enable;
     }
     mergeAllIfEnabled();
+}
+
+// A change report costs the driver a comparison per polled value and a call
+// per changed one; all the link manager does with it is a DEBUG line, so
+// drivers are asked for reports only while such lines are written.
+communication::ValueChangedCB communication::valueChangedCallback()
+{
+    return zlog_level_enabled(g_zlog, ZLOG_LEVEL_DEBUG) ? &communication::_linkValueChangedCB : nullptr;
 }
 
 void communication::_linkValueChangedCB(int linkId, int station, QString reg, int index)

@@ -88,6 +88,9 @@ public:
     void enableExternalAddrInfo(bool enable);
 
     static void _linkValueChangedCB(int linkId, int station, QString reg, int index);
+    using ValueChangedCB = void (*)(int, int, QString, int);
+    // The callback links are started with: none while DEBUG lines are off.
+    static ValueChangedCB valueChangedCallback();
     static void _linkErrorCallBack(int linkId, int code, QString text);
 
     // Stops and deletes every link thread; for an orderly end and for tests.

@@ -14,15 +14,19 @@ LocalRegisters::LocalRegisters() : m_bits(kCells[LB], 0)
         m_words[area].assign(kCells[area], 0);
 }
 
+// Asked for every value any service reads, device values included, so it
+// looks at the characters rather than compare whole texts.
 int LocalRegisters::indexOf(const QString &reg)
 {
-    if (reg == "LW")
-        return LW;
-    if (reg == "LB")
-        return LB;
-    if (reg == "RWI")
+    const int n = reg.size();
+    if (n < 2 || n > 3)
+        return -1;
+    const QChar *c = reg.constData();
+    if (n == 2 && c[0] == QLatin1Char('L'))
+        return c[1] == QLatin1Char('W') ? LW : c[1] == QLatin1Char('B') ? LB : -1;
+    if (n == 3 && c[0] == QLatin1Char('R') && c[1] == QLatin1Char('W') && c[2] == QLatin1Char('I'))
         return RWI;
-    if (reg == "LWF")
+    if (n == 3 && c[0] == QLatin1Char('L') && c[1] == QLatin1Char('W') && c[2] == QLatin1Char('F'))
         return LWF;
     return -1;
 }

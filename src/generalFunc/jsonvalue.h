@@ -43,6 +43,11 @@ namespace lumbra {
 // Appends text as a JSON string literal (quoted, escaped) in UTF-8: for
 // hot paths that write JSON by hand instead of building a document.
 void appendJsonString(QByteArray &out, const QString &text);
+// The same for text that is UTF-8 already.
+void appendJsonString(QByteArray &out, const QByteArray &utf8);
+void appendJsonString(QByteArray &out, const char *utf8, int size);
+// Appends n as a JSON number.
+void appendJsonInt(QByteArray &out, qint64 n);
 
 // The ids of a delete: the platform writes "3,7", older messages an array.
 // A part that is no number counts as 0, so an acknowledgement shows it.

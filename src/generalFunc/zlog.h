@@ -40,9 +40,15 @@ void zlog(zlog_category_t *category, const char *file, size_t filelen,
 // redefines LUMBRA_LOG_FILE after its includes.
 #define LUMBRA_LOG_FILE __FILE__
 
+// The arguments are evaluated only for a line that is written: a DEBUG line
+// in a hot path costs one test while DEBUG is off, not its conversions.
 #define LUMBRA_ZLOG_AT(cat, level, ...)                                        \
-    zlog(cat, LUMBRA_LOG_FILE, sizeof(LUMBRA_LOG_FILE) - 1, __func__,          \
-         sizeof(__func__) - 1, __LINE__, level, __VA_ARGS__)
+    do {                                                                       \
+        zlog_category_t *lumbra_zlog_cat_ = (cat);                             \
+        if (zlog_level_enabled(lumbra_zlog_cat_, level))                       \
+            zlog(lumbra_zlog_cat_, LUMBRA_LOG_FILE, sizeof(LUMBRA_LOG_FILE) - 1, \
+                 __func__, sizeof(__func__) - 1, __LINE__, level, __VA_ARGS__); \
+    } while (0)
 
 #define zlog_debug(cat, ...) LUMBRA_ZLOG_AT(cat, ZLOG_LEVEL_DEBUG, __VA_ARGS__)
 #define zlog_info(cat, ...) LUMBRA_ZLOG_AT(cat, ZLOG_LEVEL_INFO, __VA_ARGS__)

@@ -8,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -86,6 +87,24 @@ TEST(RealDataFormat, EachTypeBecomesTheTextTheCloudExpects)
     };
     for (const Case &c : cases)
         EXPECT_EQ(format(c.cfg, c.bytes), c.text) << "type " << c.cfg.dataType << " expects " << c.text;
+}
+
+// Integers with decimals are printed without going through a double; the
+// text must be the one the double would have given, sign and zeros included.
+TEST(RealDataFormat, DecimalsOfIntegersMatchTheFloatingPointText)
+{
+    const int32_t values[] = {0, 1, -1, 5, -5, 9, 10, -10, 99, 100, 12345, -32768, 65535, 2147483647, -2147483647 - 1};
+    for (int type : {0, 1, 2, 3}) {
+        for (int decimals = -1; decimals <= 9; ++decimals) {
+            for (int32_t v : values) {
+                const double number = type == 0 ? uint16_t(v) : type == 1 ? double(uint32_t(v)) : type == 2 ? int16_t(v) : v;
+                const QString expected =
+                    QString::number(decimals > 0 ? number / std::pow(10.0, decimals) : number, 'f', qMax(decimals, 0));
+                EXPECT_EQ(format(point(type, decimals), raw<int32_t>(v)), expected)
+                    << "type " << type << " decimals " << decimals << " raw " << v;
+            }
+        }
+    }
 }
 
 TEST(RealDataFormat, WriteScalingUndoesReadScaling)

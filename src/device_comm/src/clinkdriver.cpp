@@ -53,6 +53,29 @@ void logTrampoline(int linkId, int level, const char *text)
     }
 }
 
+// A register name as drivers take it. Every value read passes one, so the
+// short ASCII names that registers have are converted without a heap copy.
+class RegName {
+public:
+    explicit RegName(const QString &reg)
+    {
+        const int n = reg.size();
+        int i = 0;
+        if (n < static_cast<int>(sizeof m_short))
+            for (; i < n && reg.at(i).unicode() < 0x80; ++i)
+                m_short[i] = static_cast<char>(reg.at(i).unicode());
+        if (i == n && n < static_cast<int>(sizeof m_short))
+            m_short[n] = '\0';
+        else
+            m_long = reg.toUtf8();
+    }
+    const char *c_str() const { return m_long.isNull() ? m_short : m_long.constData(); }
+
+private:
+    char m_short[LUMBRA_REG_NAME_SIZE];
+    QByteArray m_long;
+};
+
 // Drivers speak C; the gateway's callback takes a QString.
 void valueChangedTrampoline(int linkId, int station, const char *reg, int index)
 {
@@ -109,7 +132,7 @@ bool CLinkDriver::loadDriver(const QString &path, ValueChangedCB valueChangedCB)
     resolve(m_setLogCallBack, "intf_setLogCallBack");
     if (m_setLogCallBack)
         m_setLogCallBack(logTrampoline);
-    if (m_setAddrValueChangeCallBack) {
+    if (m_setAddrValueChangeCallBack && valueChangedCB) {
         s_valueChanged.store(valueChangedCB);
         m_setAddrValueChangeCallBack(valueChangedTrampoline);
     }
@@ -144,13 +167,13 @@ int CLinkDriver::mpiDeal()
 int CLinkDriver::SetValue(int station, const QString &reg, int addr, int count, const uchar *data, int len)
 {
     QMutexLocker lock(&m_mutex);
-    return m_setData ? m_setData(station, reg.toUtf8().constData(), addr, count, data, len) : -1;
+    return m_setData ? m_setData(station, RegName(reg).c_str(), addr, count, data, len) : -1;
 }
 
 int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, uchar *data, int len)
 {
     QMutexLocker lock(&m_mutex);
-    return m_getData ? m_getData(station, reg.toUtf8().constData(), addr, count, data, len) : -1;
+    return m_getData ? m_getData(station, RegName(reg).c_str(), addr, count, data, len) : -1;
 }
 
 int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len,
@@ -159,11 +182,11 @@ int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, 
     int q = LUMBRA_QUALITY_NOT_READ;
     int rc = -1;
     {
+        const RegName name(reg);
         QMutexLocker lock(&m_mutex);
-        const QByteArray name = reg.toUtf8();
         if (m_getValue)
-            rc = m_getValue(station, name.constData(), addr, count, kind, data, len, &q);
-        else if (m_getData && (rc = m_getData(station, name.constData(), addr, count, data, len)) == 1)
+            rc = m_getValue(station, name.c_str(), addr, count, kind, data, len, &q);
+        else if (m_getData && (rc = m_getData(station, name.c_str(), addr, count, data, len)) == 1)
             q = LUMBRA_QUALITY_GOOD;
     }
     if (quality)
@@ -177,12 +200,12 @@ int CLinkDriver::SetValue(int station, const QString &reg, int addr, int count, 
     int t = 0;
     int rc = -1;
     {
+        const RegName name(reg);
         QMutexLocker lock(&m_mutex);
-        const QByteArray name = reg.toUtf8();
         if (m_setValue)
-            rc = m_setValue(station, name.constData(), addr, count, kind, data, len, &t);
+            rc = m_setValue(station, name.c_str(), addr, count, kind, data, len, &t);
         else if (m_setData)
-            rc = m_setData(station, name.constData(), addr, count, data, len);
+            rc = m_setData(station, name.c_str(), addr, count, data, len);
     }
     if (ticket)
         *ticket = rc == 1 && m_setValue ? qMax(t, 0) : 0;

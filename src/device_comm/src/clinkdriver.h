@@ -22,7 +22,8 @@ public:
 
     // Loads the library and resolves every entry point; a missing one is not
     // an error. Every driver reports changed values to the one callback of
-    // the process (the link manager's), so the last one given is used.
+    // the process (the link manager's), so the last one given is used; a
+    // driver given none is not asked to report them.
     bool loadDriver(const QString &path, ValueChangedCB valueChangedCB);
     QString path() const { return m_path; }
 
