@@ -83,7 +83,6 @@ bool MqttCliManager::readFile(QJsonObject *root) const
 
 void MqttCliManager::init()
 {
-    initLibrary();
     QMutexLocker lock(&m_mutex);
     clear();
     QJsonObject root;
@@ -127,6 +126,8 @@ void MqttCliManager::addClient(const QJsonObject &server)
         zlog_error(g_zlog, "server_config_id:%d has no host, skipped", s.configId);
         return;
     }
+    // Here rather than at start: a box without brokers never loads the library.
+    initLibrary();
     s.cacheDir = cacheDirFor(s.storeType);
     auto *client = new MqttClient(s);
     for (const char *list : {"publish_topic_data", "subscribe_topic_data"}) {

@@ -10,6 +10,8 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSet>
+#include <QVector>
 
 using lumbra::jsonBool;
 using lumbra::jsonInt;
@@ -22,11 +24,6 @@ const lumbra::ConfigFileTexts kFileTexts{"Real data config file no such", "Real 
                                          "Real data config parse fail"};
 const int kMaxTotalDigits = 128;
 const int kTickMs = 1000;
-
-QByteArray local8(const QString &s)
-{
-    return s.toLocal8Bit();
-}
 
 // One {"code":..,"data":".."} of an upload.
 void appendItem(QByteArray &items, const RealData::DataCfg_t &cfg)
@@ -54,11 +51,6 @@ RealData *RealData::getInstance()
 RealData::~RealData()
 {
     stop();
-}
-
-bool RealData::loadConfig(QJsonObject *root) const
-{
-    return lumbra::readConfigObject(kConfigPath, kFileTexts, root);
 }
 
 void RealData::readSettings(const QJsonObject &root)
@@ -106,20 +98,28 @@ bool RealData::load()
         m_points.clear();
     }
     QJsonObject root;
-    if (!loadConfig(&root))
-        return false;
-    readSettings(root);
-    QStringList codes;
-    for (const QJsonValue &v : root.value("data").toArray()) {
+    QByteArray codes;
+    // Thousands of points name a handful of links and registers: one copy
+    // of each text, shared.
+    QSet<QString> texts;
+    const auto shared = [&texts](QString &s) { s = *texts.insert(s); };
+    const bool read = lumbra::readConfigItems(kConfigPath, kFileTexts, &root, [&](const QJsonValue &v) {
         if (!v.isObject()) {
             zlog_info(g_zlog, "RTD point is not an object, skipped");
-            continue;
+            return;
         }
         DataCfg_t cfg = pointFromJson(v.toObject());
+        shared(cfg.addr.link);
+        shared(cfg.addr.reg);
         DataCfgOpt(cfg.code, cfg, ADDR_ADD);
-        codes << QString::number(cfg.code);
-    }
-    zlog_info(g_zlog, "RTD code list:%s", local8(codes.join(',')).constData());
+        if (!codes.isEmpty())
+            codes.append(',');
+        lumbra::appendJsonInt(codes, cfg.code);
+    });
+    if (!read)
+        return false;
+    readSettings(root);
+    zlog_info(g_zlog, "RTD code list:%s", codes.constData());
     if (codes.isEmpty())
         return false;
     externalAddr();
@@ -249,7 +249,7 @@ bool RealData::DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &
 
 bool RealData::externalAddr()
 {
-    QList<AddressInfo> addrs;
+    QVector<AddressInfo> addrs;
     {
         QMutexLocker lock(&m_mutex);
         addrs.reserve(m_points.size());

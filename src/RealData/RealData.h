@@ -89,7 +89,6 @@ protected:
 
 private:
     RealData() = default;
-    bool loadConfig(QJsonObject *root) const;
     void readSettings(const QJsonObject &root);
     // 1 with a good value in buffer, else 0 or -1 (getCommValue).
     int readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size);

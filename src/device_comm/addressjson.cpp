@@ -4,7 +4,6 @@
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/jsonvalue.h"
 
-#include <QSet>
 
 namespace lumbra {
 
@@ -37,25 +36,23 @@ AddressInfo addressFromJson(const QJsonObject &a, int dataType, int totalDigits)
     return info;
 }
 
-void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer)
+// Repeats are left to the table, which drops them when it hands a link's
+// addresses to the driver; the strings are shared with the caller's.
+void registerExternalAddrs(const QVector<AddressInfo> &addrs, int consumer)
 {
-    QList<ExternalAddr> keys;
-    QSet<QString> seen;
+    QVector<ExternalAddr> keys;
+    keys.reserve(addrs.size());
     for (const AddressInfo &a : addrs) {
-        if (communication::getLocalIndex(a.reg) != -1)
-            continue;
-        const QString id = QString("%1\x1f%2\x1f%3\x1f%4\x1f%5\x1f%6")
-                               .arg(a.link, a.reg, a.addr)
-                               .arg(a.station)
-                               .arg(a.length)
-                               .arg(a.type);
-        if (seen.contains(id))
-            continue;
-        seen.insert(id);
-        keys.append(ExternalAddrTable::makeAddr(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
+        if (communication::getLocalIndex(a.reg) == -1)
+            keys.append(ExternalAddrTable::makeAddr(a.link, a.reg, a.addr, a.station, a.length, a.type, a.index));
     }
     // Even an empty list: what the consumer no longer reads stops being polled.
-    communication::getInstance()->setExternalAddrInfo(keys, consumer);
+    communication::getInstance()->setExternalAddrs(std::move(keys), consumer);
+}
+
+void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer)
+{
+    registerExternalAddrs(addrs.toVector(), consumer);
 }
 
 }  // namespace lumbra

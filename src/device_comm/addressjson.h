@@ -6,6 +6,7 @@
 
 #include <QJsonObject>
 #include <QList>
+#include <QVector>
 
 namespace lumbra {
 
@@ -21,5 +22,6 @@ AddressInfo addressFromJson(const QJsonObject &a, int dataType, int totalDigits 
 // Hands every address that is no local register to the link manager for
 // polling on behalf of consumer (an ExternalAddrType), each one once.
 void registerExternalAddrs(const QList<AddressInfo> &addrs, int consumer);
+void registerExternalAddrs(const QVector<AddressInfo> &addrs, int consumer);
 
 }  // namespace lumbra

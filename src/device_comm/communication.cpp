@@ -318,22 +318,23 @@ int communication::close_freePort(int id)
 
 void communication::mergeLink(const LinkThreadPtr &thread)
 {
-    const QList<KEY_ADDRESS> registered = m_external.forLink(thread->getLinkName());
-    QList<KEY_ADDRESS> list;
-    list.reserve(registered.size());
-    for (KEY_ADDRESS k : registered) {
+    std::vector<KEY_ADDRESS> list = m_external.forLink(thread->getLinkName());
+    const size_t registered = list.size();
+    auto polled = list.begin();
+    for (KEY_ADDRESS k : list) {
         bool shielded = false;
         stationFor(*thread, k.station, &shielded);
         if (shielded)
             continue;
         if (k.index < 0)
             k.index = thread->getAddrIndexFromStr(k.reg, k.addr, k.station, k.len == 1 ? 0 : 1);
-        list.append(k);
+        *polled++ = k;
     }
+    list.erase(polled, list.end());
     int rc = thread->AddressMerge(list);
     zlog_info(g_zlog, "link:%s polls %d addresses (merge:%d, %d of shielded stations left out)",
               local8(thread->getLinkName()).constData(), static_cast<int>(list.size()), rc,
-              static_cast<int>(registered.size() - list.size()));
+              static_cast<int>(registered - list.size()));
 }
 
 void communication::mergeAllIfEnabled()
@@ -361,18 +362,24 @@ void communication::mergeIfEnabled(const LinkThreadPtr &thread)
 
 void communication::setExternalAddrInfo(const QList<ExternalAddr> &list, int type)
 {
-    m_external.set(type, list);
+    setExternalAddrs(list.toVector(), type);
+}
+
+void communication::setExternalAddrs(QVector<ExternalAddr> list, int type)
+{
+    m_external.set(type, std::move(list));
     // Once polling is on, a service that registers again changes it at once.
     mergeAllIfEnabled();
 }
 
 void communication::setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type)
 {
-    QList<ExternalAddr> addrs;
+    QVector<ExternalAddr> addrs;
     addrs.reserve(list.size());
     for (const KEY_ADDRESS &k : list)
-        addrs.append(ExternalAddr{fullLinkName(k.link), k});
-    setExternalAddrInfo(addrs, type);
+        addrs.append(ExternalAddrTable::makeAddr(fullLinkName(k.link), QString::fromUtf8(k.reg),
+                                                 QString::fromUtf8(k.addr), k.station, k.len, k.type, k.index));
+    setExternalAddrs(std::move(addrs), type);
 }
 
 QString communication::fullLinkName(const char *name) const

@@ -82,6 +82,8 @@ public:
     int close_freePort(int id);
 
     void setExternalAddrInfo(const QList<ExternalAddr> &list, int type);
+    // The same without a copy, for services with thousands of addresses.
+    void setExternalAddrs(QVector<ExternalAddr> list, int type);
     // For callers that only have KEY_ADDRESS: a link name cut to its 63
     // bytes is taken for the one link whose name starts with them.
     void setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type);

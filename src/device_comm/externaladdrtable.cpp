@@ -2,9 +2,10 @@
 
 #include "ctext.h"
 
-#include <QSet>
-
+#include <algorithm>
 #include <cstring>
+#include <numeric>
+#include <tuple>
 
 KEY_ADDRESS ExternalAddrTable::makeKey(const QString &link, const QString &reg, const QString &addr, int station,
                                        int len, int type, int index)
@@ -24,32 +25,64 @@ KEY_ADDRESS ExternalAddrTable::makeKey(const QString &link, const QString &reg, 
 ExternalAddr ExternalAddrTable::makeAddr(const QString &link, const QString &reg, const QString &addr, int station,
                                          int len, int type, int index)
 {
-    return ExternalAddr{link, makeKey(link, reg, addr, station, len, type, index)};
+    return ExternalAddr{link, reg, addr, station, len, type, index};
 }
 
-void ExternalAddrTable::set(int type, const QList<ExternalAddr> &list)
+KEY_ADDRESS ExternalAddr::key() const
 {
-    QMutexLocker lock(&m_mutex);
-    m_byType[type] = list;
+    return ExternalAddrTable::makeKey(link, reg, addr, station, len, type, index);
 }
 
-QList<KEY_ADDRESS> ExternalAddrTable::forLink(const QString &link) const
+void ExternalAddrTable::set(int type, QVector<ExternalAddr> list)
 {
-    QList<KEY_ADDRESS> out;
-    QSet<QByteArray> seen;  // tens of thousands of points: no pairwise compare
+    list.squeeze();
     QMutexLocker lock(&m_mutex);
-    for (const QList<ExternalAddr> &list : m_byType) {
-        for (const ExternalAddr &a : list) {
-            if (a.link != link)
-                continue;
-            const KEY_ADDRESS &k = a.key;
-            QByteArray id = QByteArray(k.reg) + '\0' + k.addr + '\0' + QByteArray::number(k.station) + '/' +
-                            QByteArray::number(k.len) + '/' + QByteArray::number(k.index);
-            if (!seen.contains(id)) {
-                seen.insert(id);
-                out.append(k);
-            }
-        }
+    m_byType[type] = std::move(list);
+}
+
+namespace {
+
+bool sameAddress(const KEY_ADDRESS &a, const KEY_ADDRESS &b)
+{
+    return a.station == b.station && a.len == b.len && a.index == b.index && std::strcmp(a.reg, b.reg) == 0 &&
+           std::strcmp(a.addr, b.addr) == 0;
+}
+
+bool addressBefore(const KEY_ADDRESS &a, const KEY_ADDRESS &b)
+{
+    if (int r = std::strcmp(a.reg, b.reg))
+        return r < 0;
+    if (int r = std::strcmp(a.addr, b.addr))
+        return r < 0;
+    return std::tie(a.station, a.len, a.index) < std::tie(b.station, b.len, b.index);
+}
+
+}  // namespace
+
+// Tens of thousands of points: duplicates are found by sorting positions,
+// not by pairwise compares or a set of formatted texts.
+std::vector<KEY_ADDRESS> ExternalAddrTable::forLink(const QString &link) const
+{
+    std::vector<KEY_ADDRESS> all;
+    {
+        QMutexLocker lock(&m_mutex);
+        for (const QVector<ExternalAddr> &list : m_byType)
+            for (const ExternalAddr &a : list)
+                if (a.link == link)
+                    all.push_back(a.key());
     }
+    std::vector<int> order(all.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](int x, int y) { return addressBefore(all[size_t(x)], all[size_t(y)]); });
+    std::vector<char> repeated(all.size(), 0);
+    for (size_t i = 1; i < order.size(); ++i)
+        if (sameAddress(all[size_t(order[i - 1])], all[size_t(order[i])]))
+            repeated[size_t(order[i])] = 1;
+    std::vector<KEY_ADDRESS> out;
+    out.reserve(all.size());
+    for (size_t i = 0; i < all.size(); ++i)
+        if (!repeated[i])
+            out.push_back(all[i]);
     return out;
 }

@@ -5,8 +5,11 @@
 
 #include <QList>
 #include <QMap>
+#include <QVector>
 #include <QMutex>
 #include <QString>
+
+#include <vector>
 
 // Registration types of the services that register addresses.
 enum ExternalAddrType {
@@ -17,20 +20,28 @@ enum ExternalAddrType {
     EXTERNAL_ADDR_FORWARD = 4,
 };
 
-// One registered address. KEY_ADDRESS has room for 63 bytes of link name,
-// so the full name travels beside it: the table matches on that one.
+// One registered address. Texts rather than a KEY_ADDRESS: a service's
+// strings are shared with it instead of copied into 128 bytes a point, and
+// the full link name is kept (KEY_ADDRESS has room for 63 bytes of it).
 struct ExternalAddr {
     QString link;
-    KEY_ADDRESS key;
+    QString reg;
+    QString addr;
+    int station = 0;
+    int len = 1;
+    int type = 0;
+    int index = -1;
+
+    KEY_ADDRESS key() const;
 };
 
 class ExternalAddrTable {
 public:
     // Replaces everything registered under type before.
-    void set(int type, const QList<ExternalAddr> &list);
+    void set(int type, QVector<ExternalAddr> list);
     // Every address of every type on this link, each (register, address,
-    // station, length) once.
-    QList<KEY_ADDRESS> forLink(const QString &link) const;
+    // station, length, index) once, in the order of registration.
+    std::vector<KEY_ADDRESS> forLink(const QString &link) const;
 
     static KEY_ADDRESS makeKey(const QString &link, const QString &reg, const QString &addr, int station,
                                int len, int type, int index = -1);
@@ -39,5 +50,5 @@ public:
 
 private:
     mutable QMutex m_mutex;
-    QMap<int, QList<ExternalAddr>> m_byType;
+    QMap<int, QVector<ExternalAddr>> m_byType;
 };

@@ -1,6 +1,7 @@
 #include "configfile.h"
 
 #include "globals.h"
+#include "jsonsplit.h"
 #include "jsonvalue.h"
 
 #include <QDir>
@@ -10,11 +11,14 @@
 #include <QJsonDocument>
 #include <QSaveFile>
 
+#include <climits>
+
 namespace lumbra {
 
-bool readConfigObject(const QString &path, const ConfigFileTexts &texts, QJsonObject *root)
+namespace {
+
+bool openConfig(QFile &file, const ConfigFileTexts &texts)
 {
-    QFile file(path);
     if (!file.exists()) {
         zlog_info(g_zlog, "%s", texts.noSuch);
         return false;
@@ -23,12 +27,82 @@ bool readConfigObject(const QString &path, const ConfigFileTexts &texts, QJsonOb
         zlog_info(g_zlog, "%s", texts.openFail);
         return false;
     }
-    QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
+    return true;
+}
+
+bool objectFrom(const QByteArray &text, const ConfigFileTexts &texts, QJsonObject *root)
+{
+    QJsonDocument doc = QJsonDocument::fromJson(text);
     if (!doc.isObject()) {
         zlog_info(g_zlog, "%s", texts.parseFail);
         return false;
     }
     *root = doc.object();
+    return true;
+}
+
+// One item of an array on its own: wrapped, since a document must be an
+// object or an array.
+bool parseItem(const QByteArray &text, const JsonSpan &span, QJsonValue *item)
+{
+    QByteArray wrapped;
+    wrapped.reserve(span.end - span.begin + 2);
+    wrapped.append('[').append(text.constData() + span.begin, span.end - span.begin).append(']');
+    QJsonParseError error;
+    const QJsonDocument doc = QJsonDocument::fromJson(wrapped, &error);
+    if (error.error != QJsonParseError::NoError || doc.array().size() != 1)
+        return false;
+    *item = doc.array().at(0);
+    return true;
+}
+
+}  // namespace
+
+bool readConfigObject(const QString &path, const ConfigFileTexts &texts, QJsonObject *root)
+{
+    QFile file(path);
+    return openConfig(file, texts) && objectFrom(file.readAll(), texts, root);
+}
+
+bool readConfigItems(const QString &path, const ConfigFileTexts &texts, QJsonObject *root,
+                     const std::function<void(const QJsonValue &)> &each)
+{
+    QFile file(path);
+    if (!openConfig(file, texts))
+        return false;
+    // Mapped rather than read: the text leaves memory with the mapping.
+    const qint64 size = file.size();
+    const uchar *mapped = size > 0 && size < INT_MAX ? file.map(0, size) : nullptr;
+    const QByteArray text = mapped ? QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), int(size))
+                                   : file.readAll();
+    JsonSpan array;
+    QVector<JsonSpan> spans;
+    if (!splitArrayMember(text, "data", &array, &spans)) {
+        QJsonObject whole;
+        if (!objectFrom(text, texts, &whole))
+            return false;
+        *root = whole;
+        for (const QJsonValue &item : whole.value("data").toArray())
+            each(item);
+        return true;
+    }
+    QByteArray rest = text.left(array.begin);
+    rest.append("[]").append(text.constData() + array.end, text.size() - array.end);
+    if (!objectFrom(rest, texts, root))
+        return false;
+    // Every item is checked before the first is handed out: a file broken in
+    // its last item loads nothing, as a broken file always did.
+    QJsonValue item;
+    for (const JsonSpan &span : qAsConst(spans)) {
+        if (!parseItem(text, span, &item)) {
+            zlog_info(g_zlog, "%s", texts.parseFail);
+            return false;
+        }
+    }
+    for (const JsonSpan &span : qAsConst(spans)) {
+        parseItem(text, span, &item);
+        each(item);
+    }
     return true;
 }
 

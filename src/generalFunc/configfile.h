@@ -5,6 +5,8 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <functional>
+
 namespace lumbra {
 
 // What a service logs when its file cannot be used.
@@ -17,6 +19,13 @@ struct ConfigFileTexts {
 // The file's top-level object; false, with the matching text logged, when
 // the file is missing, unreadable or no JSON object.
 bool readConfigObject(const QString &path, const ConfigFileTexts &texts, QJsonObject *root);
+
+// The same for a file with many items: *root gets the object with an empty
+// "data", and each item of "data" goes to each, in order, one at a time, so
+// that the whole file never becomes one document in memory. Nothing goes to
+// each when the file is not valid JSON.
+bool readConfigItems(const QString &path, const ConfigFileTexts &texts, QJsonObject *root,
+                     const std::function<void(const QJsonValue &)> &each);
 
 // Replaces the file with root, written aside and renamed so that a power cut
 // leaves the old file or the new one.

@@ -273,17 +273,13 @@ int CLinkDriver::GetSendFrame(FRAME_PRO &frame)
     return m_getSendFrame ? m_getSendFrame(&frame) : -1;
 }
 
-int CLinkDriver::AddressMerge(QList<KEY_ADDRESS> &list)
+// The driver may fill in indexes, so the list comes back as it left it.
+int CLinkDriver::AddressMerge(std::vector<KEY_ADDRESS> &list)
 {
     QMutexLocker lock(&m_mutex);
     if (!m_addrMerge)
         return -1;
-    // The driver may fill in indexes, so the list comes back as it left it.
-    std::vector<KEY_ADDRESS> keys(list.begin(), list.end());
-    int rc = m_addrMerge(keys.empty() ? nullptr : keys.data(), static_cast<int>(keys.size()));
-    for (int i = 0; i < list.size(); ++i)
-        list[i] = keys[i];
-    return rc;
+    return m_addrMerge(list.empty() ? nullptr : list.data(), static_cast<int>(list.size()));
 }
 
 int CLinkDriver::CheckAddressValidity(const QString &reg, const QString &addr, int &index, int station, int mode)

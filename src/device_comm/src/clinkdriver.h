@@ -11,6 +11,8 @@
 #include <QMutex>
 #include <QString>
 
+#include <vector>
+
 class CLinkDriver {
 public:
     using ValueChangedCB = void (*)(int, int, QString, int);
@@ -55,7 +57,7 @@ public:
     void SetDisconnect();
     int DealRecvFrame(const QByteArray &frame, QString &text);
     int GetSendFrame(FRAME_PRO &frame);
-    int AddressMerge(QList<KEY_ADDRESS> &list);
+    int AddressMerge(std::vector<KEY_ADDRESS> &list);
     int CheckAddressValidity(const QString &reg, const QString &addr, int &index, int station, int mode);
 
 private:

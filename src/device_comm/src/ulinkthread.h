@@ -15,6 +15,7 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <vector>
 #include <memory>
 
 class ULinkPort;
@@ -61,7 +62,7 @@ public:
                    int waitMs, QString *why);
     // The reply time-out: "timeout1", 1000 ms when unset.
     int replyTimeout() const { return m_replyTimeout; }
-    int AddressMerge(QList<KEY_ADDRESS> &list);
+    int AddressMerge(std::vector<KEY_ADDRESS> &list);
     int setFunc(int id, void *arg) { return m_driver ? m_driver->SetFunc(id, arg) : -1; }
     int getAddrIndexFromStr(const QString &reg, const QString &addr, int station, int mode);
 

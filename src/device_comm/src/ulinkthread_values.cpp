@@ -10,7 +10,7 @@
 #undef LUMBRA_LOG_FILE
 #define LUMBRA_LOG_FILE "device_comm/src/ulinkthread.cpp"
 
-int ULinkThread::AddressMerge(QList<KEY_ADDRESS> &list)
+int ULinkThread::AddressMerge(std::vector<KEY_ADDRESS> &list)
 {
     return m_driver ? m_driver->AddressMerge(list) : -1;
 }
