@@ -16,6 +16,7 @@
 
 #include <lumbra/driver.h>
 
+#include <array>
 #include <atomic>
 #include <string>
 #include <vector>
@@ -113,7 +114,7 @@ private:
     std::vector<uint16_t> m_cells;
     mutable std::vector<uint16_t> m_valueCells;
     struct Change {
-        std::string reg;
+        std::array<char, LUMBRA_REG_NAME_SIZE + 1> reg;  // a copy: a callback may re-merge
         int index;
     };
     std::vector<Change> m_changes;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 namespace lumbra::modbus {
 
@@ -240,8 +241,12 @@ void Master::notify(int st, Area area, int start, int count, const Block *block)
             return;
         if (e.firstCell() + e.cellCount() <= start || e.firstCell() >= start + count)
             return;
-        if (noteChange(e))
-            m_changes.push_back({e.reg, e.index()});
+        if (noteChange(e)) {
+            Change c;
+            std::memcpy(c.reg.data(), e.reg, c.reg.size());
+            c.index = e.index();
+            m_changes.push_back(c);
+        }
     };
     if (block)
         for (int i : block->entries)
@@ -253,7 +258,7 @@ void Master::notify(int st, Area area, int start, int count, const Block *block)
     // entry list from under it.
     for (const Change &c : m_changes)
         if (m_callback)
-            m_callback(m_link.linkId, st, c.reg.c_str(), c.index);
+            m_callback(m_link.linkId, st, c.reg.data(), c.index);
 }
 
 // True when what consumers see of the entry changed; it then remembers it.

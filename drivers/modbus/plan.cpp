@@ -33,7 +33,7 @@ bool toEntry(const KEY_ADDRESS &k, int defaultStation, bool canPollBroadcast, co
     Shape shape;
     if (!valueShape(e.target, e.count, LUMBRA_KIND_RAW, &shape))
         return false;
-    e.reg = reg;
+    std::memcpy(e.reg, reg, sizeof e.reg);
     *out = std::move(e);
     return true;
 }
@@ -91,6 +91,8 @@ std::vector<Entry> pollEntries(const KEY_ADDRESS *list, int count, int defaultSt
     entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
     std::stable_sort(entries.begin(), entries.end(),
                      [](const Entry &a, const Entry &b) { return blockKey(a) < blockKey(b); });
+    // Kept for as long as the poll set: no room for the growth it never has.
+    entries.shrink_to_fit();
     return entries;
 }
 

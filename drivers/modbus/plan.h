@@ -17,7 +17,7 @@ struct Entry {
     int station = 0;
     Target target;
     int count = 1;          // units as getData takes them
-    std::string reg;        // the name as the gateway wrote it, for callbacks
+    char reg[LUMBRA_REG_NAME_SIZE + 1] = {};  // the name as the gateway wrote it, for callbacks
     std::vector<uint16_t> image;  // what consumers saw last; empty before the first value
     int index() const { return encodeIndex(target); }
     int firstCell() const { return target.address; }

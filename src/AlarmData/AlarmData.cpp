@@ -90,10 +90,11 @@ void AlarmData::init()
 bool AlarmData::load()
 {
     zlog_info(g_zlog, "AlarmData init start");
-    openStore();
     QJsonObject root;
     if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
         return false;
+    // Only for a configuration, as history does with its database.
+    openStore();
     m_uploadFunc = jsonBool(root.value("upload_func_state"));
     // Written beside the switch by the upload-control command; honoured so
     // that the choice survives a restart.

@@ -74,6 +74,11 @@ bool HistoricalData::load()
 {
     zlog_info(g_zlog, "HistoricalData init start");
     QMutexLocker lock(&m_mutex);
+    QJsonObject root;
+    if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
+        return false;
+    // Opened only for a configuration: a gateway without history never
+    // loads the database engine's pages (a megabyte of resident memory).
     if (!m_db) {
         m_db = std::make_unique<SQLiteDB>(kDbFile);
         // A failure is logged by the store; sampling then fails row by row
@@ -85,9 +90,6 @@ bool HistoricalData::load()
         m_db->executeSQL(QString("CREATE INDEX IF NOT EXISTS %1_group ON %1(sampleID)").arg(kTable).toStdString());
         m_delivery.setStore(m_db.get());
     }
-    QJsonObject root;
-    if (!lumbra::readConfigObject(kConfigPath, kInitTexts, &root))
-        return false;
     m_uploadFunc = jsonBool(root.value("upload_func_state"));
     m_compress = jsonBool(root.value("compressed"));
     loadGroups(root.value("data").toArray());

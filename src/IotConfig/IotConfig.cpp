@@ -4,6 +4,7 @@
 #include "deviceInfo/deviceInfo.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
+#include "generalFunc/configfile.h"
 #include "generalFunc/jsonvalue.h"
 
 #include <QDebug>
@@ -55,10 +56,10 @@ QString IotConfig::storedTime(int kind) const
 void IotConfig::readStoredTimes()
 {
     for (int kind = 0; kind < 6; ++kind) {
-        QFile file(kKinds[kind].file);
-        if (!file.open(QIODevice::ReadOnly))
+        // Item by item: the real-time file alone can hold ten thousand points.
+        QJsonObject root;
+        if (!lumbra::readConfigItems(kKinds[kind].file, {nullptr, nullptr, nullptr}, &root, [](const QJsonValue &) {}))
             continue;
-        const QJsonObject root = QJsonDocument::fromJson(file.readAll()).object();
         if (root.contains("last_updata_time")) {
             QMutexLocker lock(&m_timesLock);
             m_times[kind] = lumbra::jsonText(root.value("last_updata_time"));

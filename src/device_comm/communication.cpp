@@ -4,7 +4,6 @@
 #include "linkconfig.h"
 #include "src/ulinkthread.h"
 
-#include <QRegularExpression>
 
 namespace {
 
@@ -42,8 +41,11 @@ void communication::readLinkConfig()
 // link must leave alone.
 void communication::addShieldedStations(const LinkValue &link)
 {
-    static const QRegularExpression sep("[,;\\s]+");
-    for (const QString &part : link.station_no_comm.split(sep, Qt::SkipEmptyParts)) {
+    QString list = link.station_no_comm;
+    for (QChar &c : list)
+        if (c == ';' || c.isSpace())
+            c = ',';
+    for (const QString &part : list.split(',', Qt::SkipEmptyParts)) {
         bool ok = false;
         int station = part.toInt(&ok);
         if (!ok || station < 0 || station > 255) {

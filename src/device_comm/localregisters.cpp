@@ -8,10 +8,21 @@ const int kCells[] = {65536, 65536, 65536, 1000};
 
 }  // namespace
 
-LocalRegisters::LocalRegisters() : m_bits(kCells[LB], 0)
+namespace {
+
+// Null when there is no memory: the area then answers -1 like a bad address.
+template <typename T>
+T *zeroed(int cells)
+{
+    return static_cast<T *>(std::calloc(static_cast<size_t>(cells), sizeof(T)));
+}
+
+}  // namespace
+
+LocalRegisters::LocalRegisters() : m_bits(zeroed<uint8_t>(kCells[LB]))
 {
     for (int area : {LW, RWI, LWF})
-        m_words[area].assign(kCells[area], 0);
+        m_words[area].reset(zeroed<uint16_t>(kCells[area]));
 }
 
 // Asked for every value any service reads, device values included, so it
@@ -37,9 +48,14 @@ bool LocalRegisters::inRange(int area, int addr, int len)
            len <= kCells[area] - addr;
 }
 
+bool LocalRegisters::usable(int area, int addr, int len) const
+{
+    return inRange(area, addr, len) && (area == LB ? m_bits != nullptr : m_words[area] != nullptr);
+}
+
 int LocalRegisters::set(int area, int addr, int len, const uint8_t *data)
 {
-    if (!data || !inRange(area, addr, len))
+    if (!data || !usable(area, addr, len))
         return -1;
     QMutexLocker lock(&m_mutex);
     if (area == LB) {
@@ -51,7 +67,7 @@ int LocalRegisters::set(int area, int addr, int len, const uint8_t *data)
         }
         return changed ? 1 : 0;
     }
-    uint16_t *cells = m_words[area].data() + addr;
+    uint16_t *cells = m_words[area].get() + addr;
     size_t bytes = static_cast<size_t>(len) * 2;
     if (std::memcmp(cells, data, bytes) == 0)
         return 0;
@@ -61,12 +77,12 @@ int LocalRegisters::set(int area, int addr, int len, const uint8_t *data)
 
 int LocalRegisters::get(int area, int addr, int len, uint8_t *data) const
 {
-    if (!data || !inRange(area, addr, len))
+    if (!data || !usable(area, addr, len))
         return -1;
     QMutexLocker lock(&m_mutex);
     if (area == LB)
-        std::memcpy(data, m_bits.data() + addr, len);
+        std::memcpy(data, m_bits.get() + addr, len);
     else
-        std::memcpy(data, m_words[area].data() + addr, static_cast<size_t>(len) * 2);
+        std::memcpy(data, m_words[area].get() + addr, static_cast<size_t>(len) * 2);
     return 1;
 }

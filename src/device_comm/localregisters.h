@@ -5,7 +5,8 @@
 #include <QString>
 
 #include <cstdint>
-#include <vector>
+#include <cstdlib>
+#include <memory>
 
 class LocalRegisters {
 public:
@@ -22,8 +23,16 @@ public:
     static bool inRange(int area, int addr, int len);
 
 private:
+    bool usable(int area, int addr, int len) const;
+    // Zeroed by the allocator rather than written: pages that nothing ever
+    // writes stay out of the resident set (the areas hold 320 KB).
+    struct Free {
+        void operator()(void *p) const { std::free(p); }
+    };
+    template <typename T>
+    using Cells = std::unique_ptr<T[], Free>;
 
     mutable QMutex m_mutex;
-    std::vector<uint16_t> m_words[4];  // LB uses m_bits instead
-    std::vector<uint8_t> m_bits;
+    Cells<uint16_t> m_words[4];  // LB uses m_bits instead
+    Cells<uint8_t> m_bits;
 };

@@ -17,14 +17,20 @@ namespace lumbra {
 
 namespace {
 
+void say(const char *text)
+{
+    if (text)
+        zlog_info(g_zlog, "%s", text);
+}
+
 bool openConfig(QFile &file, const ConfigFileTexts &texts)
 {
     if (!file.exists()) {
-        zlog_info(g_zlog, "%s", texts.noSuch);
+        say(texts.noSuch);
         return false;
     }
     if (!file.open(QIODevice::ReadOnly)) {
-        zlog_info(g_zlog, "%s", texts.openFail);
+        say(texts.openFail);
         return false;
     }
     return true;
@@ -34,7 +40,7 @@ bool objectFrom(const QByteArray &text, const ConfigFileTexts &texts, QJsonObjec
 {
     QJsonDocument doc = QJsonDocument::fromJson(text);
     if (!doc.isObject()) {
-        zlog_info(g_zlog, "%s", texts.parseFail);
+        say(texts.parseFail);
         return false;
     }
     *root = doc.object();
@@ -95,7 +101,7 @@ bool readConfigItems(const QString &path, const ConfigFileTexts &texts, QJsonObj
     QJsonValue item;
     for (const JsonSpan &span : qAsConst(spans)) {
         if (!parseItem(text, span, &item)) {
-            zlog_info(g_zlog, "%s", texts.parseFail);
+            say(texts.parseFail);
             return false;
         }
     }

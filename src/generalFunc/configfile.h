@@ -9,7 +9,7 @@
 
 namespace lumbra {
 
-// What a service logs when its file cannot be used.
+// What a service logs when its file cannot be used; null: nothing.
 struct ConfigFileTexts {
     const char *noSuch;
     const char *openFail;

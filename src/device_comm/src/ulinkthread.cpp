@@ -67,11 +67,22 @@ int ULinkThread::getLinkCOMMType(const LinkValue &link)
     return link.master_or_slave == 1 ? 2 : 3;
 }
 
+// "COM", blanks, digits: read by hand because every link asks at start, and
+// a regular expression would bring in its library's pages for this alone.
 int ULinkThread::comNumber(const LinkValue &link)
 {
-    static const QRegularExpression number("COM\\s*(\\d+)");
-    const QRegularExpressionMatch m = number.match(link.linkType);
-    return m.hasMatch() ? m.captured(1).toInt() : 0;
+    const QString &type = link.linkType;
+    for (int at = type.indexOf(QLatin1String("COM")); at >= 0; at = type.indexOf(QLatin1String("COM"), at + 1)) {
+        int i = at + 3;
+        while (i < type.size() && (type.at(i) == ' ' || (type.at(i) >= '\t' && type.at(i) <= '\r')))
+            ++i;
+        int end = i;
+        while (end < type.size() && type.at(end) >= '0' && type.at(end) <= '9')
+            ++end;
+        if (end > i)
+            return type.mid(i, end - i).toInt();
+    }
+    return 0;
 }
 
 QString ULinkThread::parityName(const QString &checkBit)
