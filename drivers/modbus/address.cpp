@@ -35,7 +35,8 @@ const char *areaName(Area area)
 
 bool parseArea(const char *reg, Area *area)
 {
-    if (!reg || std::strlen(reg) != 2 || std::toupper(static_cast<unsigned char>(reg[1])) != 'X')
+    // Every value read names its register: no strlen, no locale.
+    if (!reg || !reg[0] || (reg[1] != 'X' && reg[1] != 'x') || reg[2] != '\0')
         return false;
     switch (reg[0]) {
     case '0': *area = Area::Coils; return true;

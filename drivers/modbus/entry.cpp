@@ -111,6 +111,11 @@ LUMBRA_EXPORT void intf_setLogCallBack(lumbra_log_cb cb)
     });
 }
 
+LUMBRA_EXPORT int intf_abiVersion(void)
+{
+    return LUMBRA_DRIVER_ABI_VERSION;
+}
+
 LUMBRA_EXPORT void inft_setDisconnect(void)
 {
     g_master.disconnect();

@@ -177,6 +177,11 @@ typedef int (*intf_writeState_t)(int ticket, char *text, int text_size);
 typedef void (*intf_cancelWrite_t)(int ticket);
 /* ABI 2. Called once after loading, like intf_setAddrValueChangeCallBack. */
 typedef void (*intf_setLogCallBack_t)(lumbra_log_cb cb);
+/* The LUMBRA_DRIVER_ABI_VERSION the driver was built for. A driver that
+ * says 2 or more gets replies on a serial line piece by piece as they
+ * arrive, and answers NEED_MORE until one is whole; a driver without it gets
+ * a serial reply only once the line has fallen silent after it. */
+typedef int (*intf_abiVersion_t)(void);
 
 #ifdef LUMBRA_DRIVER_DECLARE_ENTRY_POINTS
 int intf_getSendFrame(FRAME_PRO *frame);
@@ -205,6 +210,7 @@ int intf_setValue(int station, const char *reg, int addr, int count, int kind, c
 int intf_writeState(int ticket, char *text, int text_size);
 void intf_cancelWrite(int ticket);
 void intf_setLogCallBack(lumbra_log_cb cb);
+int intf_abiVersion(void);
 #endif
 
 #ifdef __cplusplus

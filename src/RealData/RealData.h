@@ -11,6 +11,7 @@
 #include <QMutex>
 #include <QString>
 #include <QThread>
+#include <QWaitCondition>
 
 #include <atomic>
 
@@ -71,6 +72,11 @@ public:
     static DataCfg_t pointFromJson(const QJsonObject &item);
     // The text of a raw value read for cfg; old when the type has no text form.
     static QString formatValue(const DataCfg_t &cfg, const uchar *raw, int rawSize, const QString &old);
+    // The text of the plain forms (bits, integers with fixed decimals) as
+    // ASCII in text, which has kMaxAsciiText bytes: its length, or -1 for a
+    // form formatValue alone writes. Both give the same text.
+    static constexpr int kMaxAsciiText = 48;
+    static int asciiText(const DataCfg_t &cfg, const uchar *raw, int rawSize, char *text);
 
     // Held by the service around each pass and each change of its map.
     QMutex &mutex() { return m_mutex; }
@@ -92,6 +98,8 @@ private:
     void readSettings(const QJsonObject &root);
     // 1 with a good value in buffer, else 0 or -1 (getCommValue).
     int readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size);
+    // Waits a tick; false when the thread is to end.
+    bool sleepTick();
 
     QMutex m_mutex;
     std::atomic<bool> m_uploadFunState{false};
@@ -101,6 +109,8 @@ private:
     std::atomic<bool> m_compressed{false};
     QMap<int, DataCfg_t> m_points;
     std::atomic<bool> m_running{false};
+    QMutex m_sleepLock;  // guards the wait below against a missed stop()
+    QWaitCondition m_wake;
     std::atomic<bool> m_refreshData{false};
     quint64 m_seenUps = 0;  // the cloud's up count at the last look
 };

@@ -20,21 +20,19 @@ double decimalFactor(const RealData::DataCfg_t &cfg)
     return cfg.decimalDigits >= 1 && isIntegerType(cfg.dataType) ? std::pow(10.0, cfg.decimalDigits) : 1.0;
 }
 
-// Qt's number formatting goes through the locale machinery; a plain integer
-// is the commonest point value and needs none of it.
-QString integer(qint64 value)
+// Qt's number formatting goes through the locale machinery; plain integers
+// and integers with a fixed number of decimals, the commonest point values,
+// need none of it. Both write into text, which has kMaxAsciiText bytes.
+int integer(qint64 value, char *text)
 {
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    return QString::fromLatin1(digits, static_cast<int>(end - digits));
+    return static_cast<int>(std::to_chars(text, text + RealData::kMaxAsciiText, value).ptr - text);
 }
 
 // value / 10^decimals with that many decimals, exactly as the floating-point
 // route would print it (the division's error is far below half the last
 // place for 32-bit values), without it.
-QString shifted(qint64 value, int decimals)
+int shifted(qint64 value, int decimals, char *text)
 {
-    char text[40];
     char *w = text;
     if (value < 0)
         *w++ = '-';
@@ -42,7 +40,7 @@ QString shifted(qint64 value, int decimals)
     quint64 scale = 1;
     for (int i = 0; i < decimals; ++i)
         scale *= 10;
-    w = std::to_chars(w, text + sizeof text, magnitude / scale).ptr;
+    w = std::to_chars(w, text + RealData::kMaxAsciiText, magnitude / scale).ptr;
     *w++ = '.';
     char fraction[24];
     const char *end = std::to_chars(fraction, fraction + sizeof fraction, magnitude % scale).ptr;
@@ -50,8 +48,7 @@ QString shifted(qint64 value, int decimals)
     for (int i = digits; i < decimals; ++i)
         *w++ = '0';
     std::memcpy(w, fraction, static_cast<size_t>(digits));
-    w += digits;
-    return QString::fromLatin1(text, static_cast<int>(w - text));
+    return static_cast<int>(w + digits - text);
 }
 
 QString fixed(double value, int decimals)
@@ -80,22 +77,41 @@ double RealData::setWriteZoom(const DataCfg_t &cfg, double value)
     return k == 0 ? result - cfg.zoomOffset.toDouble() : (result - cfg.zoomOffset.toDouble()) / k;
 }
 
-QString RealData::formatValue(const DataCfg_t &cfg, const uchar *raw, int rawSize, const QString &old)
+int RealData::asciiText(const DataCfg_t &cfg, const uchar *raw, int rawSize, char *text)
 {
     double number = 0;
     switch (cfg.dataType) {
     case VALUE_BIT:
-        return rawSize >= 1 && raw[0] ? QStringLiteral("1") : QStringLiteral("0");
+        text[0] = rawSize >= 1 && raw[0] ? '1' : '0';
+        return 1;
+    case VALUE_U16:
+    case VALUE_U32:
+    case VALUE_S16:
+    case VALUE_S32:
+        if (cfg.dealType != 0 || cfg.decimalDigits > 9 || !unitTool::rawNumber(raw, rawSize, cfg.dataType, number))
+            return -1;
+        if (cfg.decimalDigits <= 0)
+            return integer(static_cast<qint64>(number), text);
+        return shifted(static_cast<qint64>(number), cfg.decimalDigits, text);
+    default:
+        return -1;
+    }
+}
+
+QString RealData::formatValue(const DataCfg_t &cfg, const uchar *raw, int rawSize, const QString &old)
+{
+    char ascii[kMaxAsciiText];
+    const int n = asciiText(cfg, raw, rawSize, ascii);
+    if (n >= 0)
+        return QString::fromLatin1(ascii, n);
+    double number = 0;
+    switch (cfg.dataType) {
     case VALUE_U16:
     case VALUE_U32:
     case VALUE_S16:
     case VALUE_S32:
         if (!unitTool::rawNumber(raw, rawSize, cfg.dataType, number))
             return old;
-        if (cfg.dealType == 0 && cfg.decimalDigits <= 0)
-            return integer(static_cast<qint64>(number));
-        if (cfg.dealType == 0 && cfg.decimalDigits <= 9)
-            return shifted(static_cast<qint64>(number), cfg.decimalDigits);
         return fixed(setZoom(cfg, number), cfg.decimalDigits);
     case VALUE_BCD16:
     case VALUE_BCD32:

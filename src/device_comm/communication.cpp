@@ -130,10 +130,10 @@ communication::LinkThreadPtr communication::valueTarget(const QString &link, int
 {
     QReadLocker lock(&m_lock);
     for (const LinkThreadPtr &t : m_threads) {
-        if (t->getLinkName() != link)
+        if (t->linkName() != link)
             continue;
         if (*station < 0)
-            *station = t->getLinkPro().plc_id;
+            *station = t->defaultStation();
         *shielded = !m_shielded.isEmpty() && m_shielded.contains(shieldKey(t->getLinkID(), *station));
         return t;
     }

@@ -4,6 +4,7 @@
 #include <QJsonArray>
 
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 
 namespace lumbra {
@@ -12,44 +13,55 @@ namespace {
 
 const char kHex[] = "0123456789abcdef";
 
-// Bytes that stand for themselves (0), get a backslash (1) or become \u00XX (5 more).
-inline int escapeCost(unsigned char c)
+// Extra bytes a byte costs in a JSON string: none, a backslash, or \u00XX.
+struct EscapeTable {
+    uint8_t extra[256];
+    constexpr EscapeTable() : extra()
+    {
+        for (int c = 0; c < 0x20; ++c)
+            extra[c] = 5;
+        extra[static_cast<unsigned char>('"')] = 1;
+        extra[static_cast<unsigned char>('\\')] = 1;
+    }
+};
+constexpr EscapeTable kEscape;
+
+char *writeEscaped(char *w, unsigned char c)
 {
-    return c >= 0x20 ? (c == '"' || c == '\\') : 5;
+    if (kEscape.extra[c] == 1) {
+        *w++ = '\\';
+        *w++ = static_cast<char>(c);
+        return w;
+    }
+    const char code[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
+    std::memcpy(w, code, sizeof code);
+    return w + sizeof code;
 }
 
 }  // namespace
 
-// Sized first, then written in place: an upload of thousands of points is
-// full of quotes, and appending around each would cost more than the rest.
+// Sized first, then written in place, plain runs copied whole: an upload of
+// thousands of points is full of quotes and passes here on its way out.
 void appendJsonString(QByteArray &out, const char *utf8, int size)
 {
+    const auto *in = reinterpret_cast<const unsigned char *>(utf8);
     int extra = 0;
     for (int i = 0; i < size; ++i)
-        extra += escapeCost(static_cast<unsigned char>(utf8[i]));
+        extra += kEscape.extra[in[i]];
     const int at = out.size();
     out.resize(at + size + extra + 2);
     char *w = out.data() + at;
     *w++ = '"';
-    if (extra == 0) {
-        std::memcpy(w, utf8, static_cast<size_t>(size));
-        w += size;
-    } else {
-        for (int i = 0; i < size; ++i) {
-            const auto c = static_cast<unsigned char>(utf8[i]);
-            if (c >= 0x20 && c != '"' && c != '\\') {
-                *w++ = static_cast<char>(c);
-            } else if (c >= 0x20) {
-                *w++ = '\\';
-                *w++ = static_cast<char>(c);
-            } else {
-                const char code[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
-                std::memcpy(w, code, sizeof code);
-                w += sizeof code;
-            }
-        }
+    int run = 0;
+    for (int i = 0; extra > 0 && i < size; ++i) {
+        if (!kEscape.extra[in[i]])
+            continue;
+        std::memcpy(w, utf8 + run, static_cast<size_t>(i - run));
+        w = writeEscaped(w + (i - run), in[i]);
+        run = i + 1;
     }
-    *w = '"';
+    std::memcpy(w, utf8 + run, static_cast<size_t>(size - run));
+    w[size - run] = '"';
 }
 
 void appendJsonString(QByteArray &out, const QByteArray &utf8)

@@ -51,7 +51,11 @@ bool holdSingleInstance()
 
 int main(int argc, char *argv[])
 {
-
+    // Qt's own event loop rather than GLib's: with GLib every socket
+    // notifier a link thread switches on or off costs a wake-up write,
+    // several for each request to a device.
+    if (!qEnvironmentVariableIsSet("QT_NO_GLIB"))
+        qputenv("QT_NO_GLIB", "1");
     QCoreApplication app(argc, argv);
 
     unitTool::my_zlog_init();

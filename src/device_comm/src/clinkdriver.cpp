@@ -130,6 +130,7 @@ bool CLinkDriver::loadDriver(const QString &path, ValueChangedCB valueChangedCB)
     resolve(m_writeState, "intf_writeState");
     resolve(m_cancelWrite, "intf_cancelWrite");
     resolve(m_setLogCallBack, "intf_setLogCallBack");
+    resolve(m_abiVersion, "intf_abiVersion");
     if (m_setLogCallBack)
         m_setLogCallBack(logTrampoline);
     if (m_setAddrValueChangeCallBack && valueChangedCB) {

@@ -59,6 +59,8 @@ public:
     int GetSendFrame(FRAME_PRO &frame);
     int AddressMerge(std::vector<KEY_ADDRESS> &list);
     int CheckAddressValidity(const QString &reg, const QString &addr, int &index, int station, int mode);
+    // The ABI version the driver says it was built for; 1 when it does not say.
+    int abiVersion() const { return m_abiVersion ? m_abiVersion() : 1; }
 
 private:
     template <typename T>
@@ -90,4 +92,5 @@ private:
     intf_writeState_t m_writeState = nullptr;
     intf_cancelWrite_t m_cancelWrite = nullptr;
     intf_setLogCallBack_t m_setLogCallBack = nullptr;
+    intf_abiVersion_t m_abiVersion = nullptr;
 };

@@ -63,6 +63,10 @@ void ULinkPort::setLinkPar(const LinkValue &link)
     m_linkPar = link;
 }
 
+void ULinkPort::setReplyPieces(bool)
+{
+}
+
 int ULinkPort::Reset()
 {
     return 0;

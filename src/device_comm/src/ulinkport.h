@@ -48,6 +48,10 @@ public:
     virtual int Recv(QByteArray &buffer, int timeoutMs) = 0;
     // Bytes sent, negative on failure.
     virtual int Send(const char *data, int len) = 0;
+    // Whether Recv may hand over a reply in pieces as they arrive, for a
+    // driver that asks for the rest itself; ports that do not wait for the
+    // end of a frame ignore it.
+    virtual void setReplyPieces(bool pieces);
     // Reopens the transport: 1 done, 0 nothing to reopen, -1 failed.
     virtual int Reset();
     // 0 while there is no connection.

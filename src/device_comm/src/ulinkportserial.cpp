@@ -6,6 +6,7 @@
 
 #include <QElapsedTimer>
 #include <QStringList>
+#include <QThread>
 
 #include <algorithm>
 #include <cmath>
@@ -165,6 +166,12 @@ bool ULinkPortSerial::ready() const
     return false;
 }
 
+void ULinkPortSerial::setReplyPieces(bool pieces)
+{
+    QMutexLocker lock(&m_mutex);
+    m_pieces = pieces;
+}
+
 int ULinkPortSerial::Send(const char *data, int len)
 {
     QMutexLocker lock(&m_mutex);
@@ -172,6 +179,13 @@ int ULinkPortSerial::Send(const char *data, int len)
         return -1;
     if (!data || len <= 0)
         return 0;
+    if (m_pieces && m_lastReceived.isValid()) {
+        const qint64 silenceNs =
+            static_cast<qint64>(3.5 * m_serial->settings().bitsPerChar() * 1e9 / std::max(m_serial->settings().baudRate, 1));
+        const qint64 left = silenceNs - m_lastReceived.nsecsElapsed();
+        if (left > 0)
+            QThread::usleep(static_cast<unsigned long>((left + 999) / 1000));
+    }
     if (m_rtsDirection)
         m_serial->setRts(true);
     const qint64 written = m_serial->write(data, len);
@@ -190,7 +204,15 @@ int ULinkPortSerial::Recv(QByteArray &buffer, int timeoutMs)
     const int first = m_serial->pollReadable(timeoutMs);
     if (first <= 0)
         return first;
-    return gatherFrame(buffer, timeoutMs);
+    if (!m_pieces)
+        return gatherFrame(buffer, timeoutMs);
+    char chunk[kRecvChunk];
+    const qint64 n = m_serial->read(chunk, sizeof chunk);
+    if (n > 0) {
+        buffer.append(chunk, static_cast<int>(n));
+        m_lastReceived.start();
+    }
+    return static_cast<int>(n);
 }
 
 // Caller holds m_mutex and has seen the first byte arrive.

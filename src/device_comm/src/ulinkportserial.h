@@ -5,6 +5,7 @@
 
 #include "device_comm/serialport/posix_qextserialport.h"
 
+#include <QElapsedTimer>
 #include <QMutex>
 #include <QString>
 #include <memory>
@@ -27,12 +28,16 @@ public:
     bool setup(const std::string &text) override;
     // Waits up to timeoutMs for the first byte, then appends until the line
     // falls silent for frameGapMs(); a talker that never pauses is cut after
-    // the longer of timeoutMs and 1 s. Bytes appended, 0 when none came,
-    // negative when the line failed or hung up.
+    // the longer of timeoutMs and 1 s. With reply pieces on, it returns with
+    // what has arrived instead of waiting for the silence. Bytes appended, 0
+    // when none came, negative when the line failed or hung up.
     int Recv(QByteArray &buffer, int timeoutMs) override;
     // Writes every byte; unless the kernel turns the RS-485 driver around by
-    // itself, returns only once the bytes have left the line.
+    // itself, returns only once the bytes have left the line. With reply
+    // pieces on, it first keeps the line silent for 3.5 characters after the
+    // last byte received, which ends a frame for every station.
     int Send(const char *data, int len) override;
+    void setReplyPieces(bool pieces) override;
     int Reset() override;
     // 1 while the device is open.
     int commStatus() override;
@@ -80,4 +85,6 @@ private:
     // thread affinity of its own and may be called from any thread holding m_mutex.
     std::unique_ptr<Posix_QextSerialPort> m_serial;
     mutable bool m_closedReported = false;
+    bool m_pieces = false;
+    QElapsedTimer m_lastReceived;  // since the last byte came in
 };

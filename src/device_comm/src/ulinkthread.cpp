@@ -242,6 +242,7 @@ int ULinkThread::InitPort()
         return -1;
     }
     port->setLinkPar(m_link);
+    port->setReplyPieces(m_driver && m_driver->abiVersion() >= 2);
     if (servesClients())
         port->setClientDataCB(reinterpret_cast<void *>(&ULinkThread::clientRequestCB), this);
     port->MoveToThread(this);

@@ -77,6 +77,9 @@ public:
     void setSpeAddrStationError(const QString &station, bool ok);
 
     QString getLinkName() const { return m_linkName; }
+    // The same without a copy, for the look-ups of every value read.
+    const QString &linkName() const { return m_linkName; }
+    int defaultStation() const { return m_link.plc_id; }
     int getLinkID() const { return m_linkId; }
     LinkValue getLinkPro() const { return m_link; }
     bool hasDriver() const { return m_driver != nullptr; }
