@@ -1,5 +1,7 @@
 #include "cache.h"
 
+#include <algorithm>
+
 namespace lumbra::modbus {
 
 namespace {
@@ -55,13 +57,17 @@ void Cache::store(int station, Area area, int start, int count, const uint16_t *
 {
     if (!inRange(station, start, count))
         return;
-    for (int i = 0; i < count; ++i) {
-        int a = start + i;
+    // A page at a time: every reply stores up to 125 registers.
+    for (int i = 0; i < count;) {
+        const int a = start + i;
         Page &p = ensurePage(station, area, a);
-        size_t at = static_cast<size_t>(a % kPageCells);
-        p.value[at] = cells[i];
-        p.quality[at] = LUMBRA_QUALITY_GOOD;
-        p.known.set(at);
+        const int at = a % kPageCells;
+        const int n = std::min(count - i, kPageCells - at);
+        std::copy(cells + i, cells + i + n, p.value.begin() + at);
+        std::fill(p.quality.begin() + at, p.quality.begin() + at + n, uint8_t(LUMBRA_QUALITY_GOOD));
+        for (int k = at; k < at + n; ++k)
+            p.known.set(static_cast<size_t>(k));
+        i += n;
     }
 }
 

@@ -80,8 +80,10 @@ void IotConfig::stop()
 {
     m_stopRequested = true;
     m_running = false;
+    m_sleeper.stop();
     wait();
     m_stopRequested = false;
+    m_sleeper.restart();
 }
 
 void IotConfig::ReplyCfg(const CurrentCfgReq &req, const QString &lastUpdateTime)
@@ -93,15 +95,15 @@ void IotConfig::ReplyCfg(const CurrentCfgReq &req, const QString &lastUpdateTime
     }
     m_curReqType = req + 1;
     m_replied = true;
+    m_sleeper.wake();
     qDebug() << "ReplyCfg" << "m_curReqType:" << m_curReqType.load();
 }
 
-// Sleeps ms in slices; false when the thread is told to end meanwhile.
+// Sleeps ms, less when a reply comes; false when the thread is told to end
+// meanwhile.
 bool IotConfig::waitFor(int ms)
 {
-    for (; ms > 0 && !m_stopRequested; ms -= 100)
-        unitTool::delay_ms(ms > 100 ? 100 : ms);
-    return !m_stopRequested;
+    return m_sleeper.sleep(ms) && !m_stopRequested;
 }
 
 // Queued until the agent takes it: an agent that is not up yet gets it when

@@ -4,6 +4,7 @@
 // restart it on the new files.
 #pragma once
 
+#include "generalFunc/sleeper.h"
 #include <QString>
 #include <QMutex>
 #include <QThread>
@@ -57,5 +58,6 @@ private:
     std::atomic<int> m_curReqType{0};
     std::atomic<unsigned> m_repFlag{0};
     std::atomic<bool> m_stopRequested{false};
+    lumbra::Sleeper m_sleeper;
     mutable QMutex m_timesLock;
 };

@@ -9,7 +9,6 @@
 #include "generalFunc/jsonvalue.h"
 
 #include <QJsonArray>
-#include <QDeadlineTimer>
 #include <QJsonDocument>
 #include <QSet>
 #include <QVector>
@@ -29,29 +28,28 @@ const lumbra::ConfigFileTexts kFileTexts{"Real data config file no such", "Real 
 const int kMaxTotalDigits = 128;
 const int kTickMs = 1000;
 
-// One {"code":..,"data":".."} of an upload.
-void appendItem(QByteArray &items, int code, const QString &value)
+// One {"code":..,"data":".."} of an upload; the first has no comma before it.
+void appendItem(QByteArray &out, bool first, int code, const QString &value)
 {
     static const char kCode[] = ",{\"code\":";
     static const char kData[] = ",\"data\":";
-    // The first item has no comma before it.
-    const int skip = items.isEmpty() ? 1 : 0;
-    items.append(kCode + skip, static_cast<int>(sizeof kCode) - 1 - skip);
-    lumbra::appendJsonInt(items, code);
-    items.append(kData, static_cast<int>(sizeof kData) - 1);
-    lumbra::appendJsonString(items, value);
-    items.append('}');
+    const int skip = first ? 1 : 0;
+    out.append(kCode + skip, static_cast<int>(sizeof kCode) - 1 - skip);
+    lumbra::appendJsonInt(out, code);
+    out.append(kData, static_cast<int>(sizeof kData) - 1);
+    lumbra::appendJsonString(out, value);
+    out.append('}');
 }
 
 // The same for a text of digits, signs and points, which needs no escapes:
 // written in one piece, since ten thousand of them go out every second.
-void appendPlainItem(QByteArray &items, int code, const char *text, int size)
+void appendPlainItem(QByteArray &out, bool first, int code, const char *text, int size)
 {
     char item[RealData::kMaxAsciiText + 40];
     char *w = item;
     const char kCode[] = ",{\"code\":";
     const char kData[] = ",\"data\":\"";
-    const int skip = items.isEmpty() ? 1 : 0;
+    const int skip = first ? 1 : 0;
     std::memcpy(w, kCode + skip, sizeof kCode - 1 - skip);
     w += sizeof kCode - 1 - skip;
     w = std::to_chars(w, w + 12, code).ptr;
@@ -61,7 +59,13 @@ void appendPlainItem(QByteArray &items, int code, const char *text, int size)
     w += size;
     *w++ = '"';
     *w++ = '}';
-    items.append(item, static_cast<int>(w - item));
+    out.append(item, static_cast<int>(w - item));
+}
+
+// Room for a point's raw value: the widest fixed type at least.
+int valueBytes(const RealData::DataCfg_t &cfg)
+{
+    return qMax(2 * cfg.addr.length, 8);
 }
 
 // Overwrites s with an ASCII text, in its own buffer when it has room: no
@@ -133,6 +137,7 @@ void RealData::init()
         // Set here, not in run(): a stop() right after start() must not be
         // undone when the thread gets going.
         m_running = true;
+        m_sleeper.restart();
         start();
     }
 }
@@ -175,29 +180,16 @@ bool RealData::load()
 
 void RealData::stop()
 {
-    {
-        QMutexLocker lock(&m_sleepLock);
-        m_running = false;
-        m_wake.wakeAll();
-    }
+    m_running = false;
+    m_sleeper.stop();
     wait();
-}
-
-// One wake-up a second instead of one per slice; stop() cuts it short.
-bool RealData::sleepTick()
-{
-    QMutexLocker lock(&m_sleepLock);
-    QDeadlineTimer deadline(kTickMs);
-    while (m_running && !deadline.hasExpired())
-        m_wake.wait(&m_sleepLock, deadline);
-    return m_running;
 }
 
 void RealData::run()
 {
     for (int tick = 1; m_running; ++tick) {
         const int every = m_uploadTime;
-        if (!sleepTick())
+        if (!m_sleeper.sleep(kTickMs) || !m_running)
             break;
         // A cloud that is back has missed the changes of its time away, so
         // the next upload carries every point.
@@ -216,17 +208,54 @@ void RealData::run()
     }
 }
 
-// Called with m_mutex held.
-int RealData::readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size)
+// Points are read a run at a time, a run being up to kBatch points of one
+// link, so that the link and its driver are looked up and locked once a run.
+void RealData::readBatch(DataCfg_t *const *points, int n, std::vector<uchar> &scratch,
+                         std::vector<communication::ValueRead> &reads)
 {
-    // Room for the widest fixed type.
-    *size = qMax(2 * cfg.addr.length, 8);
-    if (buffer.size() < *size)
-        buffer.resize(*size);
-    std::memset(buffer.data(), 0, static_cast<size_t>(*size));
-    return communication::getInstance()->getCommValue(cfg.addr.link, cfg.addr.reg, cfg.addr.index, cfg.addr.station,
-                                                      cfg.addr.length, reinterpret_cast<uchar *>(buffer.data()),
-                                                      *size, communication::kindOf(cfg.dataType));
+    size_t bytes = 0;
+    for (int i = 0; i < n; ++i)
+        bytes += static_cast<size_t>(valueBytes(*points[i]));
+    scratch.assign(bytes, 0);
+    reads.resize(static_cast<size_t>(n));
+    uchar *at = scratch.data();
+    for (int i = 0; i < n; ++i) {
+        const DataCfg_t &cfg = *points[i];
+        communication::ValueRead &r = reads[static_cast<size_t>(i)];
+        r.reg = &cfg.addr.reg;
+        r.addr = cfg.addr.index;
+        r.station = cfg.addr.station;
+        r.len = cfg.addr.length;
+        r.kind = communication::kindOf(cfg.dataType);
+        r.data = at;
+        r.dataSize = valueBytes(cfg);
+        at += r.dataSize;
+    }
+    communication::getInstance()->getCommValues(points[0]->addr.link, reads.data(), n);
+}
+
+// One point after its read: false when it adds nothing to the upload.
+bool RealData::appendPoint(QByteArray &out, bool first, DataCfg_t &cfg, const communication::ValueRead &read,
+                           bool changedOnly)
+{
+    const bool wasGood = cfg.good;
+    cfg.good = read.rc == 1;
+    if (!cfg.good)
+        return false;
+    char ascii[kMaxAsciiText];
+    const int n = asciiText(cfg, read.data, read.dataSize, ascii);
+    if (n >= 0) {
+        if (!assignAscii(cfg.value, ascii, n) && changedOnly && wasGood)
+            return false;
+        appendPlainItem(out, first, cfg.code, ascii, n);
+        return true;
+    }
+    QString text = formatValue(cfg, read.data, read.dataSize, cfg.value);
+    if (changedOnly && wasGood && text == cfg.value)
+        return false;
+    cfg.value.swap(text);
+    appendItem(out, first, cfg.code, cfg.value);
+    return true;
 }
 
 // Written by hand rather than through a JSON document: with thousands of
@@ -236,41 +265,34 @@ int RealData::readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size)
 // point again as soon as it reads.
 QByteArray RealData::rtdMessage(bool changedOnly)
 {
-    QByteArray items;
-    QByteArray buffer;
+    const int kBatch = 256;
+    QByteArray out;
+    out.append("{\"sn_code\":");
+    lumbra::appendJsonString(out, deviceInfo::getInstance()->sn());
+    out.append(",\"data\":[");
+    const int head = out.size();
+    std::vector<uchar> scratch;
+    std::vector<communication::ValueRead> reads;
+    std::vector<DataCfg_t *> run;
+    run.reserve(kBatch);
     {
         QMutexLocker lock(&m_mutex);
-        items.reserve(m_points.size() * 32);
-        for (DataCfg_t &cfg : m_points) {
-            int size = 0;
-            const bool wasGood = cfg.good;
-            cfg.good = readPoint(cfg, buffer, &size) == 1;
-            if (!cfg.good)
-                continue;
-            const auto *raw = reinterpret_cast<const uchar *>(buffer.constData());
-            char ascii[kMaxAsciiText];
-            const int n = asciiText(cfg, raw, size, ascii);
-            if (n >= 0) {
-                if (!assignAscii(cfg.value, ascii, n) && changedOnly && wasGood)
-                    continue;
-                appendPlainItem(items, cfg.code, ascii, n);
-                continue;
-            }
-            QString text = formatValue(cfg, raw, size, cfg.value);
-            if (changedOnly && wasGood && text == cfg.value)
-                continue;
-            cfg.value.swap(text);
-            appendItem(items, cfg.code, cfg.value);
+        out.reserve(head + m_points.size() * 32 + 2);
+        for (auto it = m_points.begin(); it != m_points.end();) {
+            run.clear();
+            const QString &link = it->addr.link;
+            const auto sameLink = [&link](const QString &l) { return l.constData() == link.constData() || l == link; };
+            for (; it != m_points.end() && int(run.size()) < kBatch && sameLink(it->addr.link); ++it)
+                run.push_back(&*it);
+            readBatch(run.data(), static_cast<int>(run.size()), scratch, reads);
+            for (size_t i = 0; i < run.size(); ++i)
+                appendPoint(out, out.size() == head, *run[i], reads[i], changedOnly);
         }
     }
-    if (!m_uploadFunState || items.isEmpty())
+    if (!m_uploadFunState || out.size() == head)
         return QByteArray();
-    QByteArray text;
-    text.reserve(items.size() + 64);
-    text.append("{\"sn_code\":");
-    lumbra::appendJsonString(text, deviceInfo::getInstance()->sn());
-    text.append(",\"data\":[").append(items).append("]}");
-    return text;
+    out.append("]}");
+    return out;
 }
 
 void RealData::uploadData(bool changedOnly)

@@ -4,16 +4,18 @@
 #pragma once
 
 #include "device_comm/addressinfo.h"
+#include "device_comm/communication.h"
 #include "generalFunc/generalFunc.h"
+#include "generalFunc/sleeper.h"
 
 #include <QJsonObject>
 #include <QMap>
 #include <QMutex>
 #include <QString>
 #include <QThread>
-#include <QWaitCondition>
 
 #include <atomic>
+#include <vector>
 
 class RealData : public QThread {
     Q_OBJECT
@@ -96,10 +98,10 @@ protected:
 private:
     RealData() = default;
     void readSettings(const QJsonObject &root);
-    // 1 with a good value in buffer, else 0 or -1 (getCommValue).
-    int readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size);
-    // Waits a tick; false when the thread is to end.
-    bool sleepTick();
+    void readBatch(DataCfg_t *const *points, int n, std::vector<uchar> &scratch,
+                   std::vector<communication::ValueRead> &reads);
+    bool appendPoint(QByteArray &out, bool first, DataCfg_t &cfg, const communication::ValueRead &read,
+                     bool changedOnly);
 
     QMutex m_mutex;
     std::atomic<bool> m_uploadFunState{false};
@@ -109,8 +111,7 @@ private:
     std::atomic<bool> m_compressed{false};
     QMap<int, DataCfg_t> m_points;
     std::atomic<bool> m_running{false};
-    QMutex m_sleepLock;  // guards the wait below against a missed stop()
-    QWaitCondition m_wake;
+    lumbra::Sleeper m_sleeper;
     std::atomic<bool> m_refreshData{false};
     quint64 m_seenUps = 0;  // the cloud's up count at the last look
 };

@@ -21,7 +21,6 @@ const int kInterfaceWord = 60834;
 const int kSimWord = 60836;
 const int kModemEvery = 20;
 const int kTickMs = 1000;
-const int kSliceMs = 50;
 
 QByteArray local8(const QString &s)
 {
@@ -60,12 +59,14 @@ void SpecialRegister::init()
     if (isRunning())
         return;
     m_running = true;
+    m_sleeper.restart();
     start();
 }
 
 void SpecialRegister::stop()
 {
     m_running = false;
+    m_sleeper.stop();
     wait();
 }
 
@@ -88,10 +89,10 @@ void SpecialRegister::run()
     clock.start();
     while (m_running) {
         // Against a deadline, not a fixed sleep, so that the seconds shown do
-        // not drift and skip; in slices, so that stop() is quick.
+        // not drift and skip; stop() cuts the wait short.
         const qint64 due = qint64(m_tick + 1) * kTickMs;
-        while (m_running && clock.elapsed() < due)
-            unitTool::delay_ms(static_cast<int>(qMin<qint64>(kSliceMs, due - clock.elapsed())));
+        while (m_running && clock.elapsed() < due && m_sleeper.sleep(static_cast<int>(due - clock.elapsed())))
+            ;
         if (!m_running)
             break;
         tick(++m_tick);

@@ -3,6 +3,7 @@
 // second, and on the 4G route the modem's state every 20 s.
 #pragma once
 
+#include "generalFunc/sleeper.h"
 #include <QDateTime>
 #include <QString>
 #include <QThread>
@@ -45,4 +46,5 @@ private:
     QString m_ifname;
     int m_tick = 0;
     std::atomic<bool> m_running{false};
+    lumbra::Sleeper m_sleeper;
 };

@@ -12,11 +12,6 @@ QByteArray local8(const QString &s)
     return s.toLocal8Bit();
 }
 
-int shieldKey(int linkId, int station)
-{
-    return station + linkId * 256;
-}
-
 }  // namespace
 
 // Never destroyed: link threads and their sockets must not be torn down

@@ -16,6 +16,7 @@
 #include <QVariant>
 
 #include <memory>
+#include <vector>
 
 class ULinkThread;
 
@@ -44,6 +45,21 @@ public:
     // values read as NO_REPLY with 0, like those of a station that is down.
     int getCommValue(const QString &link, const QString &reg, int addr, int station, int len, uchar *data,
                      int dataSize = -1, int kind = LUMBRA_KIND_RAW, int *quality = nullptr);
+    // Many values of one link, each as getCommValue reads it, with one
+    // look-up of the link and one hold of its driver for them all: a
+    // service that reads thousands of values a second pays per value only
+    // for the value. rc gets what getCommValue would have returned.
+    struct ValueRead {
+        const QString *reg = nullptr;
+        int addr = 0;
+        int station = 0;
+        int len = 0;
+        int kind = LUMBRA_KIND_RAW;
+        uchar *data = nullptr;
+        int dataSize = 0;
+        int rc = -1;
+    };
+    void getCommValues(const QString &link, ValueRead *reads, int count);
     // setCommValue waits until the device confirms the write, at most the
     // link's reply time-out: 1 when confirmed (local registers: 1 written, 0
     // unchanged), -1 when refused, unanswered or impossible; *why then says
@@ -103,6 +119,7 @@ private:
     using LinkThreadPtr = std::shared_ptr<ULinkThread>;
 
     communication() = default;
+    static int shieldKey(int linkId, int station) { return station + linkId * 256; }
     int suspendLink(const QString &name, bool suspend);
     LinkThreadPtr threadByName(const QString &name) const;
     LinkThreadPtr threadById(int id) const;

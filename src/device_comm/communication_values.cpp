@@ -61,6 +61,53 @@ int communication::getCommValue(const QString &link, const QString &reg, int add
     return rc == 1 && q == LUMBRA_QUALITY_GOOD ? 1 : 0;
 }
 
+void communication::getCommValues(const QString &link, ValueRead *reads, int count)
+{
+    int defaultStation = 0;
+    int linkId = -1;
+    QList<int> shielded;
+    LinkThreadPtr thread;
+    {
+        QReadLocker lock(&m_lock);
+        for (const LinkThreadPtr &t : m_threads) {
+            if (t->linkName() == link) {
+                thread = t;
+                break;
+            }
+        }
+        shielded = m_shielded;
+    }
+    if (thread) {
+        defaultStation = thread->defaultStation();
+        linkId = thread->getLinkID();
+    }
+    std::vector<CLinkDriver::ValueRead> device;
+    device.reserve(static_cast<size_t>(count));
+    std::vector<int> at;  // which read each device read is
+    for (int i = 0; i < count; ++i) {
+        ValueRead &r = reads[i];
+        r.rc = -1;
+        const int local = getLocalIndex(*r.reg);
+        if (local >= 0) {
+            r.rc = m_local.get(local, r.addr, localCells(local, r.len, r.dataSize), r.data) < 0 ? -1 : 1;
+            continue;
+        }
+        if (!thread || !r.data || r.len <= 0)
+            continue;
+        const int station = r.station < 0 ? defaultStation : r.station;
+        device.push_back({r.reg, r.addr, station, r.len, r.kind, r.data, r.dataSize, -1, LUMBRA_QUALITY_NOT_READ});
+        at.push_back(i);
+    }
+    if (thread && !device.empty())
+        thread->GetValues(device.data(), static_cast<int>(device.size()));
+    for (size_t k = 0; k < device.size(); ++k) {
+        const CLinkDriver::ValueRead &d = device[k];
+        // Not polled: whatever the driver still holds of it is not current.
+        const bool current = shielded.isEmpty() || !shielded.contains(shieldKey(linkId, d.station));
+        reads[at[k]].rc = d.rc < 0 ? -1 : (d.rc == 1 && d.quality == LUMBRA_QUALITY_GOOD && current ? 1 : 0);
+    }
+}
+
 int communication::setCommValue(const QString &link, const QString &reg, int addr, int station, int len,
                                 const uchar *data, int dataSize, int kind, QString *why)
 {

@@ -40,8 +40,8 @@ char *writeEscaped(char *w, unsigned char c)
 
 }  // namespace
 
-// Sized first, then written in place, plain runs copied whole: an upload of
-// thousands of points is full of quotes and passes here on its way out.
+// Sized first, then written in place byte by byte: an upload of thousands
+// of points is full of quotes, so its plain runs are too short to copy whole.
 void appendJsonString(QByteArray &out, const char *utf8, int size)
 {
     const auto *in = reinterpret_cast<const unsigned char *>(utf8);
@@ -52,16 +52,18 @@ void appendJsonString(QByteArray &out, const char *utf8, int size)
     out.resize(at + size + extra + 2);
     char *w = out.data() + at;
     *w++ = '"';
-    int run = 0;
-    for (int i = 0; extra > 0 && i < size; ++i) {
-        if (!kEscape.extra[in[i]])
-            continue;
-        std::memcpy(w, utf8 + run, static_cast<size_t>(i - run));
-        w = writeEscaped(w + (i - run), in[i]);
-        run = i + 1;
+    if (extra == 0) {
+        std::memcpy(w, utf8, static_cast<size_t>(size));
+        w += size;
+    } else {
+        for (int i = 0; i < size; ++i) {
+            if (kEscape.extra[in[i]])
+                w = writeEscaped(w, in[i]);
+            else
+                *w++ = utf8[i];
+        }
     }
-    std::memcpy(w, utf8 + run, static_cast<size_t>(size - run));
-    w[size - run] = '"';
+    *w = '"';
 }
 
 void appendJsonString(QByteArray &out, const QByteArray &utf8)

@@ -6,6 +6,7 @@
 #include <QReadWriteLock>
 
 #include <atomic>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -193,6 +194,30 @@ int CLinkDriver::GetValue(int station, const QString &reg, int addr, int count, 
     if (quality)
         *quality = q;
     return rc;
+}
+
+// The register name is converted once for a run of reads that name the
+// same one, which is what a service's points mostly do.
+void CLinkDriver::GetValues(ValueRead *reads, int n)
+{
+    std::optional<RegName> name;
+    const QString *named = nullptr;
+    QMutexLocker lock(&m_mutex);
+    for (int i = 0; i < n; ++i) {
+        ValueRead &r = reads[i];
+        // Shared texts, mostly: the same characters are the same name.
+        if (!named || (r.reg->constData() != named->constData() && *r.reg != *named)) {
+            name.emplace(*r.reg);
+            named = r.reg;
+        }
+        r.quality = LUMBRA_QUALITY_NOT_READ;
+        if (m_getValue)
+            r.rc = m_getValue(r.station, name->c_str(), r.addr, r.count, r.kind, r.data, r.len, &r.quality);
+        else if (m_getData && (r.rc = m_getData(r.station, name->c_str(), r.addr, r.count, r.data, r.len)) == 1)
+            r.quality = LUMBRA_QUALITY_GOOD;
+        else if (!m_getData)
+            r.rc = -1;
+    }
 }
 
 int CLinkDriver::SetValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data,

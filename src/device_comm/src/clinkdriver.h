@@ -42,6 +42,20 @@ public:
     // intf_getValue. A driver without it answers through intf_getData: GOOD
     // when that gave 1, NOT_READ when it gave 0.
     int GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len, int *quality);
+    // Many GetValue calls under one hold of the lock; rc and quality are
+    // each call's result.
+    struct ValueRead {
+        const QString *reg;
+        int addr;
+        int station;
+        int count;
+        int kind;
+        uchar *data;
+        int len;
+        int rc;
+        int quality;
+    };
+    void GetValues(ValueRead *reads, int n);
     // Queues a write: 1 with *ticket > 0 to follow through WriteState, or 1
     // with *ticket 0 from a driver without tickets (intf_setData), whose
     // queued write counts as confirmed; -1 when refused.

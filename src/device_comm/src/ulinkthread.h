@@ -54,6 +54,7 @@ public:
 
     // A value as a LUMBRA_KIND_* with its LUMBRA_QUALITY_* (CLinkDriver).
     int GetValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len, int *quality);
+    void GetValues(CLinkDriver::ValueRead *reads, int n);
     // Hands a write to the driver and waits for the device's answer, at most
     // waitMs, without touching the port: the link thread may sit in a reply
     // time-out or a reconnect meanwhile. 1 when confirmed; -1 when refused,

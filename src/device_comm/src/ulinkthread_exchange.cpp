@@ -49,8 +49,6 @@ bool ULinkThread::deal_Protocol()
     const int frame = fetchSendFrame();
     if (!frame)
         return false;
-    stale.clear();
-    m_port->Recv(stale, 0);
     m_recvBuf.clear();
     if (sendFrame() < 0) {
         exchangeLost();

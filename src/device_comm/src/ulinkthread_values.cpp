@@ -35,6 +35,16 @@ int ULinkThread::GetValue(int station, const QString &reg, int addr, int count, 
     return m_driver ? m_driver->GetValue(station, reg, addr, count, kind, data, len, quality) : -1;
 }
 
+void ULinkThread::GetValues(CLinkDriver::ValueRead *reads, int n)
+{
+    if (m_driver) {
+        m_driver->GetValues(reads, n);
+        return;
+    }
+    for (int i = 0; i < n; ++i)
+        reads[i].rc = -1;
+}
+
 int ULinkThread::WriteValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data,
                             int len, int waitMs, QString *why)
 {
