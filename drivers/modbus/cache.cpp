@@ -80,6 +80,28 @@ void Cache::mark(int station, Area area, int start, int count, int quality)
             static_cast<uint8_t>(quality);
 }
 
+int Cache::read(int station, Area area, int start, int count, uint16_t *cells, bool *known) const
+{
+    *known = false;
+    if (!inRange(station, start, count))
+        return LUMBRA_QUALITY_NOT_READ;
+    int worst = LUMBRA_QUALITY_GOOD;
+    bool all = true;
+    for (int i = 0; i < count; ++i) {
+        const Page *p = page(station, area, start + i);
+        const size_t at = static_cast<size_t>((start + i) % kPageCells);
+        const int q = p ? p->quality[at] : LUMBRA_QUALITY_NOT_READ;
+        if (worst == LUMBRA_QUALITY_GOOD && q != LUMBRA_QUALITY_GOOD)
+            worst = q;
+        if (!p || !p->known.test(at))
+            all = false;
+        else
+            cells[i] = p->value[at];
+    }
+    *known = all;
+    return worst;
+}
+
 int Cache::quality(int station, Area area, int start, int count) const
 {
     if (!inRange(station, start, count))

@@ -26,6 +26,10 @@ public:
     void mark(int station, Area area, int start, int count, int quality);
     // The worst quality in the range: GOOD only when every cell is.
     int quality(int station, Area area, int start, int count) const;
+    // quality() and load() in one walk over the pages, for every value read:
+    // the quality, with cells filled when load() would have filled them
+    // (*known says so).
+    int read(int station, Area area, int start, int count, uint16_t *cells, bool *known) const;
 
 private:
     static constexpr int kPageCells = 256;

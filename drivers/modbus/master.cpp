@@ -18,6 +18,7 @@ bool fitsOneWrite(const Target &t, int cells)
 
 int Master::initProperty(const unsigned char *info, const int *size)
 {
+    m_orderOf = -1;
     return readLinkInfo(info, size, m_log, &m_link) ? 0 : -1;
 }
 
@@ -28,6 +29,7 @@ int Master::setProperty(const char *text)
     if (!ok)
         m_log.line(LUMBRA_LOG_WARN, "driver_property \"%s\" is not understood: defaults apply", text ? text : "");
     m_settings = ok ? parsed : Settings();
+    m_orderOf = -1;
     replan();
     return ok ? 0 : -1;
 }
@@ -55,6 +57,17 @@ void Master::replan(bool sameRound)
 {
     m_poller.replace(mergeBlocks(m_entries, m_settings, m_barriers), sameRound);
     ++m_plan;
+}
+
+// The byte order of the last station asked for is kept: reads come by the
+// thousand, mostly for one station.
+Order Master::stationOrder(int st) const
+{
+    if (st != m_orderOf) {
+        m_order = orderFor(m_link, m_settings, st);
+        m_orderOf = st;
+    }
+    return m_order;
 }
 
 const Block *Master::exchangeBlock() const
@@ -104,16 +117,17 @@ int Master::getValue(int st, const char *reg, int index, int count, int kind, ui
     if (!resolve(st, reg, index, count, kind, data, len, false, &v))
         return -1;
     const Target &t = v.target;
-    int q = m_cache.quality(v.station, t.area, t.address, v.shape.cells);
-    if (quality)
-        *quality = q;
     if (m_valueCells.size() < static_cast<size_t>(v.shape.cells))
         m_valueCells.resize(static_cast<size_t>(v.shape.cells));
-    if (!m_cache.load(v.station, t.area, t.address, v.shape.cells, m_valueCells.data())) {
+    bool known = false;
+    const int q = m_cache.read(v.station, t.area, t.address, v.shape.cells, m_valueCells.data(), &known);
+    if (quality)
+        *quality = q;
+    if (!known) {
         std::memset(data, 0, static_cast<size_t>(v.shape.bytes));
         return 0;
     }
-    cellsToBytes(t, m_valueCells.data(), count, kind, orderFor(m_link, m_settings, v.station), data);
+    cellsToBytes(t, m_valueCells.data(), count, kind, stationOrder(v.station), data);
     return 1;
 }
 

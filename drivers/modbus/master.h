@@ -68,6 +68,7 @@ private:
     };
 
     int station(int requested) const { return requested < 0 ? m_link.plcId : requested; }
+    Order stationOrder(int station) const;
     bool resolve(int station, const char *reg, int index, int count, int kind, const void *data, int len,
                  bool write, Value *out) const;
     bool startNext();
@@ -113,6 +114,8 @@ private:
     // Reused on every poll, so that a reply costs no allocation.
     std::vector<uint16_t> m_cells;
     mutable std::vector<uint16_t> m_valueCells;
+    mutable int m_orderOf = -1;  // the station m_order is for
+    mutable Order m_order;
     struct Change {
         std::array<char, LUMBRA_REG_NAME_SIZE + 1> reg;  // a copy: a callback may re-merge
         int index;
