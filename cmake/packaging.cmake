@@ -89,6 +89,9 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS mosquitto)
 if(LUMBRA_DEB_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # Opened with dlopen when first needed, so dpkg-shlibdeps cannot see them;
+  # what it finds is added to these.
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "libcurl4, libmosquitto1")
 else()
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "${LUMBRA_DEB_DEPENDS}")
 endif()
