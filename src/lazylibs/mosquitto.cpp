@@ -52,11 +52,27 @@ LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_unsubscribe, (struct mosquitto * m, int
                     (m, mid, sub), kMissing)
 LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_topic_matches_sub, (const char *sub, const char *topic, bool *result),
                     (sub, topic, result), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_pub_topic_check2, (const char *topic, size_t len), (topic, len), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_sub_topic_check2, (const char *topic, size_t len), (topic, len), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, const char *, mosquitto_connack_string, (int code), (code), "libmosquitto not available")
+LUMBRA_LAZY_FORWARD(mosq, const char *, mosquitto_reason_string, (int code), (code), "libmosquitto not available")
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_loop, (struct mosquitto * m, int timeout, int max), (m, timeout, max),
+                    kMissing)
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_threaded_set, (struct mosquitto * m, bool threaded), (m, threaded), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_max_inflight_messages_set, (struct mosquitto * m, unsigned int max),
+                    (m, max), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_tls_insecure_set, (struct mosquitto * m, bool value), (m, value), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, int, mosquitto_tls_set,
+                    (struct mosquitto * m, const char *cafile, const char *capath, const char *certfile,
+                     const char *keyfile, int (*pw)(char *, int, int, void *)),
+                    (m, cafile, capath, certfile, keyfile, pw), kMissing)
+LUMBRA_LAZY_FORWARD(mosq, void *, mosquitto_userdata, (struct mosquitto * m), (m), nullptr)
 
 using ConnectCB = void (*)(struct mosquitto *, void *, int);
 using MessageCB = void (*)(struct mosquitto *, void *, const struct mosquitto_message *);
 using LogCB = void (*)(struct mosquitto *, void *, int, const char *);
 using SubscribeCB = void (*)(struct mosquitto *, void *, int, int, const int *);
+using PublishV5CB = void (*)(struct mosquitto *, void *, int, int, const mosquitto_property *);
 
 LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_connect_callback_set, (struct mosquitto * m, ConnectCB cb), (m, cb))
 LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_disconnect_callback_set, (struct mosquitto * m, ConnectCB cb), (m, cb))
@@ -64,5 +80,6 @@ LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_publish_callback_set, (struct mosquitto
 LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_message_callback_set, (struct mosquitto * m, MessageCB cb), (m, cb))
 LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_log_callback_set, (struct mosquitto * m, LogCB cb), (m, cb))
 LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_subscribe_callback_set, (struct mosquitto * m, SubscribeCB cb), (m, cb))
+LUMBRA_LAZY_FORWARD_VOID(mosq, mosquitto_publish_v5_callback_set, (struct mosquitto * m, PublishV5CB cb), (m, cb))
 
 }  // extern "C"
