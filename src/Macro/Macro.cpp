@@ -122,38 +122,40 @@ lumbra::MacroSettings Macro::settings() const
 
 int Macro::runLua(int id)
 {
-    if (onEngine())
-        return runStored(id, false);
-    if (!scripts()->texts.contains(id))
-        return 0;
-    post([this, id] { runStored(id, false); });
-    return 1;
+    return handStored(id, false);
 }
 
 int Macro::runFromLua(int id)
 {
-    if (onEngine())
-        return runStored(id, true);
-    if (!scripts()->texts.contains(id))
-        return 0;
-    post([this, id] { runStored(id, true); });
-    return 1;
+    return handStored(id, true);
 }
 
 void Macro::runLua(const QString &text)
 {
-    if (onEngine())
-        runText(text, -1, false);
-    else
-        post([this, text] { runText(text, -1, false); });
+    handText(text, false);
 }
 
 void Macro::runFromLua(const QString &text)
 {
+    handText(text, true);
+}
+
+int Macro::handStored(int id, bool side)
+{
     if (onEngine())
-        runText(text, -1, true);
+        return runStored(id, side);
+    if (!scripts()->texts.contains(id))
+        return 0;
+    post([this, id, side] { runStored(id, side); });
+    return 1;
+}
+
+void Macro::handText(const QString &text, bool side)
+{
+    if (onEngine())
+        runText(text, -1, side);
     else
-        post([this, text] { runText(text, -1, true); });
+        post([this, text, side] { runText(text, -1, side); });
 }
 
 void Macro::run()

@@ -115,6 +115,9 @@ private:
     bool startRequested() const;
     void runOnceWhenLinksPolled();
     void runPass();
+    // At once on the engine's thread, else queued.
+    int handStored(int id, bool side);
+    void handText(const QString &text, bool side);
     int runStored(int id, bool side);
     void runText(const QString &text, int id, bool side);
     bool enabled(const ScriptSet &set, int id);
