@@ -37,6 +37,7 @@ Macro::Macro() : m_hmi(std::make_unique<HmiToMacroInterface>()), m_set(std::make
 // must not run while the process tears its services down.
 Macro::~Macro()
 {
+    m_closed = true;  // a late reload from another thread must not start it again
     stop();
     (void)m_interp.release();
 }
@@ -74,7 +75,7 @@ void Macro::post(Task task)
 void Macro::ensureRunning()
 {
     QMutexLocker lock(&m_startLock);
-    if (isRunning() && !m_stopping)
+    if (m_closed || (isRunning() && !m_stopping))
         return;
     if (isRunning())
         wait();  // a stop on its way

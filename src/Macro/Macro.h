@@ -149,6 +149,7 @@ private:
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_abort{false};  // stops the running script
     QMutex m_startLock;
+    std::atomic<bool> m_closed{false};
 
     // Engine-thread state.
     std::unique_ptr<lumbra::MacroInterpreter> m_interp;
