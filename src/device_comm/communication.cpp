@@ -358,7 +358,9 @@ QStringList communication::linksWithoutFirstPoll() const
 
 bool communication::firstPollDone(ULinkThread &thread) const
 {
-    if (!thread.hasDriver() || thread.isSuspended() || thread.getLinkPro().link_driver == "free_protocol")
+    // Slaves and servers answer requests; they poll nothing.
+    const LinkValue link = thread.getLinkPro();
+    if (!thread.hasDriver() || thread.isSuspended() || link.master_or_slave == 1 || link.link_driver == "free_protocol")
         return true;
     QByteArray scratch;
     for (const KEY_ADDRESS &k : m_external.forLink(thread.getLinkName())) {

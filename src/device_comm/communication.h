@@ -92,7 +92,7 @@ public:
     // The links that have not finished a first poll cycle: polling is not
     // switched on yet, or the driver has no answer, good or bad, for some
     // address registered with the link. Links that poll nothing (no driver,
-    // suspended, free-protocol) never hold anyone up.
+    // suspended, slaves and servers, free-protocol) never hold anyone up.
     QStringList linksWithoutFirstPoll() const;
 
     static void _linkValueChangedCB(int linkId, int station, QString reg, int index);

@@ -146,3 +146,32 @@ for i, a in ipairs({54}) do note(3 + i, getdata(link, "4X", a, 1, 1, DATA_TYPE_W
     EXPECT_EQ(read(80, 2), (QList<int>{6789, 7890}));
     EXPECT_TRUE(log().contains("run-once scripts start: every link has polled once")) << log().toStdString();
 }
+
+// A dead device answers "no reply" within its time-out; a link whose port
+// never opens has no answer at all: the run-once script waits for it no
+// longer than the box allows, and its reads say why they have no value.
+TEST_F(ScriptGateway, RunOnceScriptsWaitForLinksOnlyAsLongAsTheBoxAllows)
+{
+    box.writeBox("/usr/brenta/iot_work/iot_config.ini", "[macro]\nstart_wait_ms=3000\n");
+    writeFile(box.workPath() + "/iotRunTime/driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
+    QJsonObject links = QJsonDocument::fromJson(box.readConfig("LinkConfiguration.json")).object();
+    QJsonArray list = links.value("data").toArray();
+    list.append(QJsonObject{{"link_name", "LINE2"}, {"link_type", "COM7"}, {"link_driver", "modbus_rtu"},
+                            {"baudrate", 9600}, {"data_bit", 8}, {"stop_bit", 1}, {"plc_id", 1}, {"timeout1", 200}});
+    links.insert("data", list);
+    box.writeConfig("LinkConfiguration.json", QJsonDocument(links).toJson());
+    slave.stop();
+    QElapsedTimer started;
+    started.start();
+    QString once;
+    for (const char *link : {"PLC1", "LINE2"})
+        once += QString("do local v, err = getdata('%1', '4X', 55, 1, 1, DATA_TYPE_WUB) "
+                        "hmiPrint('%1 read: ' .. tostring(v) .. ', ' .. tostring(err)) end ")
+                    .arg(link);
+    start({script(1, 1, once)});
+    ASSERT_TRUE(box.gateway().waitForOutput("LINE2 read: nil, not read yet", 15000)) << log().toStdString();
+    EXPECT_TRUE(log().contains("PLC1 read: nil, no reply"));
+    EXPECT_GE(started.elapsed(), 3000);
+    EXPECT_LT(started.elapsed(), 9000);
+    EXPECT_TRUE(log().contains("before link(s) LINE2 finished a first poll cycle")) << log().toStdString();
+}
