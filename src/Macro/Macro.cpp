@@ -166,19 +166,19 @@ void Macro::run()
     while (!m_stopping) {
         if (!m_runOnceDone && startRequested())
             runOnceWhenLinksPolled();
-        const bool passes = m_runOnceDone;
-        const int pause = !passes ? kPassPauseMs
-                          : sincePass.isValid() ? kPassPauseMs - static_cast<int>(sincePass.elapsed())
-                                                : 0;
-        Task task;
-        if (takeTask(&task, pause)) {
-            task();
-            continue;
-        }
-        if (passes && !m_stopping) {
+        const int untilPass = !m_runOnceDone        ? kPassPauseMs
+                              : sincePass.isValid() ? kPassPauseMs - static_cast<int>(sincePass.elapsed())
+                                                    : 0;
+        // A pass that is due goes before queued work, so a busy queue
+        // cannot starve the cyclic scripts.
+        if (m_runOnceDone && untilPass <= 0) {
             runPass();
             sincePass.start();
+            continue;
         }
+        Task task;
+        if (takeTask(&task, untilPass))
+            task();
     }
     zlog_debug(g_zlog, "Macro thread end");
 }
