@@ -298,8 +298,8 @@ bool StoreWriter::storeRest(const std::vector<const Inbound *> &msgs, const QHas
         // At most once a second, so that instances sharing the load seldom
         // wait for each other on the gateway's row.
         if (!m_db.exec("UPDATE gateways SET last_seen = $1, version = $2 WHERE id = $3"
-                       " AND (last_seen < $1 - 1000 OR version <> $2)",
-                       {seen.first, *seen.second, gw}))
+                       " AND (last_seen < $4 OR version <> $2)",
+                       {seen.first, *seen.second, gw, seen.first - 1000}))
             return false;
     }
     return true;
