@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRandomGenerator>
+#include <QThread>
 
 #include <mosquitto.h>
 
@@ -86,12 +87,12 @@ void FakeGateway::addHistory(quint32 group, int rows, bool equalPairs)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         Group &g = m_groups[group];
-        const int first = static_cast<int>(g.rows.size());
-        for (int n = first; n < first + rows; ++n) {
-            const Row r{kFirstSecond + n, QString("%1 g%2 #%3").arg(m_serial).arg(group).arg(n).toUtf8()};
+        for (int n = 0; n < rows; ++n) {
+            const qint64 k = g.added++;
+            const Row r{kFirstSecond + k, QString("%1 g%2 #%3").arg(m_serial).arg(group).arg(k).toUtf8(), g.ids++};
             g.rows.push_back(r);
             if (equalPairs)
-                g.rows.push_back(r);
+                g.rows.push_back({r.time, r.text, g.ids++});
         }
     }
     m_wake.notify_all();
@@ -107,12 +108,22 @@ void FakeGateway::addAlarms(int events)
     m_wake.notify_all();
 }
 
+void FakeGateway::missAcks(int ms)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_deafUntilMs = nowMs() + ms;
+    }
+    QThread::msleep(static_cast<unsigned long>(ms));
+    restart();
+}
+
 void FakeGateway::restart()
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (Group &g : m_groups)
-            g = Group{std::move(g.rows)};
+            g = Group{std::move(g.rows), g.added, g.ids};
         m_alarmInFlight = false;
         m_reqId = QRandomGenerator::global()->generate();
     }
@@ -139,6 +150,8 @@ void FakeGateway::received(const QByteArray &topic, const QByteArray &payload)
     const QJsonObject o = QJsonDocument::fromJson(payload).object();
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (nowMs() < m_deafUntilMs)
+            return;
         if (topic.endsWith("/DevRecv/HisData")) {
             auto it = m_groups.find(static_cast<quint32>(o.value("group_id").toInt()));
             if (it == m_groups.end())
@@ -172,7 +185,7 @@ void FakeGateway::loop()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
-        if (m_connected)
+        if (m_connected && nowMs() >= m_deafUntilMs)
             sendDue();
         m_wake.wait_for(lock, std::chrono::milliseconds(50));
     }
@@ -200,7 +213,8 @@ void FakeGateway::sendBatch(quint32 id, Group &g)
     for (int i = 0; i < g.inFlight; ++i) {
         const Row &r = g.rows[static_cast<size_t>(i)];
         rows += (i ? ",{" : "{") + QByteArray("\"data_text\":\"") + r.text + "\",\"data_time\":\"" +
-                QByteArray::number(r.time) + "\"}";
+                QByteArray::number(r.time) + "\"";
+        rows += m_rowIds ? ",\"row_id\":" + QByteArray::number(r.id) + "}" : QByteArray("}");
     }
     publish("/DevSend/Sequential/HisData", "{\"sn_code\":\"" + m_serial.toUtf8() + "\",\"group_id\":" +
                                                QByteArray::number(id) + ",\"data_samples\":\"0_0\",\"data\":[" + rows +

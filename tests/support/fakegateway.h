@@ -41,7 +41,13 @@ public:
     void addAlarms(int events);
     // Rows per batch from now on (the gateway's is 300).
     void setBatchRows(int n) { m_batchRows = n; }
+    // Each row carries "row_id", its number in the group.
+    void setRowIds(bool on) { m_rowIds = on; }
     void restart();
+    // Deaf for ms, then restart(): the gateway died after its uploads went
+    // and came back without the acknowledgements, which is what makes a
+    // platform see the same rows and events again.
+    void missAcks(int ms);
 
     int historyLeft() const;
     int alarmsLeft() const;
@@ -56,9 +62,12 @@ private:
     struct Row {
         qint64 time;
         QByteArray text;
+        qint64 id;
     };
     struct Group {
         std::deque<Row> rows;
+        qint64 added = 0;  // samples so far
+        qint64 ids = 0;    // rows so far
         int inFlight = 0;  // rows of the batch in flight, from the front
         int posts = 0;     // copies of it sent
         qint64 sentMs = 0;
@@ -81,6 +90,7 @@ private:
     QString m_serial;
     const int m_resendMs;
     std::atomic<int> m_batchRows{300};
+    std::atomic<bool> m_rowIds{false};
     mosquitto *m_mosq = nullptr;
     std::atomic<bool> m_connected{false};
     std::atomic<quint64> m_published{0};
@@ -93,6 +103,7 @@ private:
     quint32 m_reqId = 0;
     bool m_alarmInFlight = false;
     qint64 m_alarmSentMs = 0;
+    qint64 m_deafUntilMs = 0;
     bool m_stop = false;
     std::thread m_thread;
 };

@@ -65,14 +65,19 @@ bool PlatformRun::start()
     const QStringList args = QStringList{"--broker", QString("127.0.0.1:%1").arg(m_broker), "--db", m_db,
                                          "--http", QString("127.0.0.1:%1").arg(m_http), "--config", configDir()} +
                              m_args;
-    return m_proc.start(m_binary, args, m_work.path()) && m_proc.waitForOutput("connected", 15000) &&
-           eventually([&] { return get("/api/status").status == 200; }, 10000);
+    return m_proc.start(m_binary, args, m_work.path()) &&
+           eventually([&] { return status("broker_connected") == 1; }, 15000);
 }
 
 qint64 PlatformRun::status(const char *key)
 {
+    // Reads what the platform printed, so that a full pipe never stalls it.
+    m_proc.waitForOutput("\x01", 1);
     const HttpReply r = get("/api/status");
-    return r.status == 200 ? static_cast<qint64>(r.json().object().value(key).toDouble()) : -1;
+    if (r.status != 200)
+        return -1;
+    const QJsonValue v = r.json().object().value(key);
+    return v.isBool() ? v.toBool() : static_cast<qint64>(v.toDouble());
 }
 
 }  // namespace lumbra::test

@@ -35,13 +35,16 @@ Inbound message(TopicKind kind, const QString &serial = "SN1")
     return m;
 }
 
-// rows: "time text" pairs.
+// rows: "time text", or "time text #rowid" for a gateway that names its rows.
 Inbound batch(quint32 group, const QStringList &rows, const QString &serial = "SN1")
 {
     Inbound m = message(TopicKind::History, serial);
     m.groupId = group;
-    for (const QString &r : rows)
-        m.rows.append({r.section(' ', 0, 0).toLongLong(), r.section(' ', 1)});
+    for (const QString &r : rows) {
+        const QString id = r.section(" #", 1);
+        m.rows.append({r.section(' ', 0, 0).toLongLong(), r.section(' ', 1).section(" #", 0, 0),
+                       id.isEmpty() ? -1 : id.toLongLong()});
+    }
     return m;
 }
 
@@ -116,6 +119,10 @@ TEST_P(Store, HistoryRowsAreStoredOnceWhateverTheResends)
         {"a batch cut afresh after a restart adds only its new rows", {{abc}, {abc + QStringList{"13 d", "14 e"}}}, 5},
         {"equal samples cut apart by a restart", {{{"10 a", "10 a"}}, {{"10 a", "10 a", "10 a"}}}, 3},
         {"same second, other values", {{{"10 a", "10 b", "10 a b"}}}, 3},
+        // Without row ids this pair would be taken for a resend: the limit of
+        // telling rows apart by content.
+        {"equal samples split by a batch boundary, rows named", {{{"9 z #1", "10 a #2"}}, {{"10 a #3", "11 b #4"}}}, 4},
+        {"a named batch resent and cut afresh", {{{"10 a #2", "10 a #3"}}, {{"10 a #2", "10 a #3", "11 b #4"}}}, 3},
     };
     for (const HistoryCase &c : cases) {
         SCOPED_TRACE(c.name);
