@@ -6,3 +6,16 @@ if(TARGET lumbra-platform)
   target_compile_definitions(platform_delivery_test PRIVATE LUMBRA_PLATFORM_BINARY="$<TARGET_FILE:lumbra-platform>")
   add_dependencies(platform_delivery_test lumbra-platform)
 endif()
+
+if(TARGET lumbra-platform AND TARGET lumbra-agent AND TARGET lumbra-plcsim)
+  lumbra_add_test(platform_e2e_test SOURCES platform_e2e_test.cpp LIBS lumbra_SQLiteDB
+    PROPERTIES RESOURCE_LOCK lumbra TIMEOUT 300)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(PLATFORM_E2E_MODBUS REQUIRED libmodbus)
+  target_include_directories(platform_e2e_test PRIVATE ${PLATFORM_E2E_MODBUS_INCLUDE_DIRS})
+  target_link_libraries(platform_e2e_test PRIVATE ${PLATFORM_E2E_MODBUS_LIBRARIES})
+  target_compile_definitions(platform_e2e_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>"
+    LUMBRA_AGENT_BINARY="$<TARGET_FILE:lumbra-agent>" LUMBRA_PLCSIM_BINARY="$<TARGET_FILE:lumbra-plcsim>"
+    LUMBRA_PLATFORM_BINARY="$<TARGET_FILE:lumbra-platform>")
+  add_dependencies(platform_e2e_test modbus_tcp lumbra-agent lumbra-plcsim lumbra-platform Lumbra)
+endif()
