@@ -3,8 +3,11 @@
 if(TARGET lumbra-platform)
   lumbra_add_test(platform_delivery_test SOURCES platform_delivery_test.cpp LIBS lumbra_platform_core
     PROPERTIES TIMEOUT 300)
-  target_compile_definitions(platform_delivery_test PRIVATE LUMBRA_PLATFORM_BINARY="$<TARGET_FILE:lumbra-platform>")
-  add_dependencies(platform_delivery_test lumbra-platform)
+  lumbra_add_test(platform_api_test SOURCES platform_api_test.cpp)
+  foreach(t platform_delivery_test platform_api_test)
+    target_compile_definitions(${t} PRIVATE LUMBRA_PLATFORM_BINARY="$<TARGET_FILE:lumbra-platform>")
+    add_dependencies(${t} lumbra-platform)
+  endforeach()
 endif()
 
 if(TARGET lumbra-platform AND TARGET lumbra-agent AND TARGET lumbra-plcsim)

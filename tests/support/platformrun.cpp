@@ -35,6 +35,7 @@ HttpReply httpPost(int port, const QString &path, const QByteArray &body, const 
 QByteArray httpEvents(int port, const QString &path, int ms, const std::function<void()> &whileOpen)
 {
     httplib::Client c("127.0.0.1", port);
+    c.set_read_timeout(ms / 1000, (ms % 1000) * 1000);
     QByteArray got;
     bool called = false;
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
