@@ -35,12 +35,12 @@ return n;
 
 
 def value_cell(driver, code):
-    return driver.find_element(By.CSS_SELECTOR, '#points tr[data-code="%d"] td.value' % code)
+    return driver.find_element(By.CSS_SELECTOR, '#points .row[data-code="%d"] .value' % code)
 
 
 def table_texts(driver, selector):
     return driver.execute_script(
-        "return [...document.querySelectorAll(arguments[0])].map(r => [...r.cells].map(c => c.textContent))",
+        "return [...document.querySelectorAll(arguments[0])].map(r => [...r.children].map(c => c.textContent))",
         selector)
 
 
@@ -85,7 +85,7 @@ class Console(unittest.TestCase):
         self.heard("CONSOLE-A")
         self.open("CONSOLE-A")
 
-        rows = table_texts(d, "#points tbody tr")
+        rows = table_texts(d, "#points .block .row")
         self.assertEqual([r[:3] for r in rows], [["1", "Temperature", "21.5"], ["2", "Counter", "7"],
                                                  ["3", "", "<img src=x onerror=window.pwned=1>"]])
         self.assertIsNone(d.execute_script("return window.pwned"), "an uploaded text ran as markup")
@@ -105,8 +105,8 @@ class Console(unittest.TestCase):
                 self.fail("the values table was built again for a live change")
         # A point first uploaded now takes its place by code.
         gw.values({0: "first", 5: "last"})
-        stack.wait_for("the new points", lambda: len(d.find_elements(By.CSS_SELECTOR, "#points tbody tr")) == 5)
-        self.assertEqual([r[0] for r in table_texts(d, "#points tbody tr")], ["0", "1", "2", "3", "5"])
+        stack.wait_for("the new points", lambda: len(d.find_elements(By.CSS_SELECTOR, "#points .block .row")) == 5)
+        self.assertEqual([r[0] for r in table_texts(d, "#points .block .row")], ["0", "1", "2", "3", "5"])
 
         # An alarm shows at once and is shown acknowledged once stored; its
         # recovery closes it.
@@ -124,7 +124,7 @@ class Console(unittest.TestCase):
         gw.history(1, [(NOW - 100 + 10 * i, ["%d" % (20 + i % 4), "x"]) for i in range(10)])
         stack.wait_for("the history rows", lambda: len(
             self.platform.get("/api/gateways/CONSOLE-A/history?code=1")) == 10)
-        d.find_element(By.CSS_SELECTOR, '#points tr[data-code="1"] td.name').click()
+        d.find_element(By.CSS_SELECTOR, '#points .row[data-code="1"] .name').click()
         stack.wait_for("the chart", lambda: d.find_element(By.ID, "chart-note").text.startswith("10 rows"))
         self.assertEqual(d.find_element(By.ID, "chart-title").text, "1 Temperature")
         drawn = stack.wait_for("pixels on the chart", lambda: max(0, d.execute_script(PAINTED)))

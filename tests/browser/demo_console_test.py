@@ -47,7 +47,7 @@ class DemoConsole(unittest.TestCase):
         self.assertIn("demo: stopped", self.demo.output())
 
     def cell(self, code, column="value"):
-        return self.driver.find_element(By.CSS_SELECTOR, '#points tr[data-code="%d"] td.%s' % (code, column))
+        return self.driver.find_element(By.CSS_SELECTOR, '#points .row[data-code="%d"] .%s' % (code, column))
 
     def test_the_demo_console_shows_the_plant(self):
         d = self.driver

@@ -5,6 +5,7 @@
 import { gatewayPath, getJson } from "./api.js";
 
 const CLOCK_MARGIN_S = 14 * 3600;  // the widest time-zone offset
+const UPLOT = "uPlot.iife.min.js";
 const REFRESH_MS = 15000;
 const HEIGHT = 260;
 
@@ -23,6 +24,23 @@ export function numericSeries(rows, range) {
     if (Number.isFinite(n)) ++numbers;
   }
   return { times, values, numbers };
+}
+
+// uPlot is fetched with the first chart, not with the page: a page that only
+// watches values never parses it.
+let library = null;
+function uPlotReady() {
+  library ??= new Promise((resolve, reject) => {
+    const script = document.createElement("script");
+    script.src = UPLOT;
+    script.onload = () => resolve(window.uPlot);
+    script.onerror = () => {
+      library = null;
+      reject(new Error("the chart library " + UPLOT + " is not installed beside the page"));
+    };
+    document.head.append(script);
+  });
+  return library;
 }
 
 export class HistoryChart {
@@ -88,8 +106,15 @@ export class HistoryChart {
     const s = numericSeries(res.data, this.range);
     if (!s.times.length) return this.empty("no history rows of this point in this range");
     if (!s.numbers) return this.empty("the values of this point are texts, not numbers");
+    let uPlot;
+    try {
+      uPlot = await uPlotReady();
+    } catch (e) {
+      return this.empty(e.message);
+    }
+    if (ask !== this.asked || this.panel.hidden) return;
     this.note.textContent = s.times.length + " rows, gateway time";
-    this.draw([s.times, s.values]);
+    this.draw(uPlot, [s.times, s.values]);
   }
 
   empty(why) {
@@ -97,7 +122,7 @@ export class HistoryChart {
     this.note.textContent = why;
   }
 
-  draw(data) {
+  draw(uPlot, data) {
     if (this.plot) return this.plot.setData(data);
     const label = this.name || "code " + this.code;
     this.plot = new uPlot(

@@ -1,28 +1,44 @@
 // The values table of one gateway. Built once per gateway from the API; live
 // changes then update their cells in place, at most once a frame, so that a
-// gateway with 10,000 points uploading every second costs a few text writes,
-// not a new table. A changed value is marked for a moment.
-import { cell, clock } from "./format.js";
+// gateway with 10,000 points uploading every second costs text writes, not a
+// new table. Rows sit in blocks of 100 that the browser neither lays out nor
+// paints while they are scrolled away, and columns are fixed, so a changed
+// text never reflows the rest. A changed value is marked for a moment.
+import { clock } from "./format.js";
 
 const MARK_MS = 1200;
+const BLOCK_ROWS = 100;
+const ROW_PX = 25;  // .row's height in console.css: what a block not yet drawn is assumed to take
+
+function span(row, text, className) {
+  const s = document.createElement("span");
+  s.className = className;
+  s.textContent = text;
+  row.append(s);
+  return s;
+}
 
 export class PointsTable {
   // onAdded: points appeared that the table did not have (their names are
   // not in the stream).
-  constructor(table, countEl, onPick, onAdded) {
-    this.onAdded = onAdded;
-    this.table = table;
-    this.body = table.tBodies[0];
+  constructor(grid, countEl, onPick, onAdded) {
+    this.grid = grid;
+    this.body = grid.querySelector(".grid-body");
     this.countEl = countEl;
-    this.rows = new Map();  // code -> {tr, name, value, time}
+    this.onAdded = onAdded;
+    this.rows = new Map();  // code -> {row, name, nameCell, value, time}
     this.codes = [];  // ascending, to place a point that appears later
     this.pending = new Map();  // code -> the latest change not yet shown
     this.marked = [];  // [cell, when marked], oldest first
     this.frame = 0;
     this.filterText = "";
     this.body.addEventListener("click", (e) => {
-      const tr = e.target.closest("tr");
-      if (tr) onPick(Number(tr.dataset.code), this.rows.get(Number(tr.dataset.code)).name);
+      const row = e.target.closest(".row");
+      if (row) onPick(Number(row.dataset.code), this.rows.get(Number(row.dataset.code)).name);
+    });
+    // A cut value shows whole on hover; set then rather than at every change.
+    this.body.addEventListener("mouseover", (e) => {
+      if (e.target.classList.contains("value")) e.target.title = e.target.textContent;
     });
     setInterval(() => this.unmark(performance.now() - MARK_MS), 300);
   }
@@ -33,23 +49,35 @@ export class PointsTable {
     this.pending.clear();
     this.marked = [];
     this.rows.clear();
-    const rows = document.createDocumentFragment();
-    for (const p of points) rows.append(this.row(p));
+    const blocks = document.createDocumentFragment();
+    for (let i = 0; i < points.length; i += BLOCK_ROWS) {
+      const block = this.block(Math.min(BLOCK_ROWS, points.length - i));
+      for (const p of points.slice(i, i + BLOCK_ROWS)) block.append(this.row(p));
+      blocks.append(block);
+    }
     this.codes = [...this.rows.keys()].sort((a, b) => a - b);
-    this.body.replaceChildren(rows);
+    this.body.replaceChildren(blocks);
     this.count();
     if (this.filterText) this.filter(this.filterText);
   }
 
+  block(rows) {
+    const block = document.createElement("div");
+    block.className = "block";
+    block.style.containIntrinsicSize = "auto " + rows * ROW_PX + "px";
+    return block;
+  }
+
   row(p) {
-    const tr = document.createElement("tr");
-    tr.dataset.code = p.code;
-    cell(tr, p.code, "code");
-    cell(tr, p.name || "", "name");
-    const value = cell(tr, p.value, "value");
-    const time = cell(tr, clock(p.time), "time");
-    this.rows.set(p.code, { tr, name: p.name || "", value, time });
-    return tr;
+    const row = document.createElement("div");
+    row.className = "row";
+    row.dataset.code = p.code;
+    span(row, p.code, "code");
+    const nameCell = span(row, p.name || "", "name");
+    const value = span(row, p.value, "value");
+    const time = span(row, clock(p.time), "time");
+    this.rows.set(p.code, { row, name: p.name || "", nameCell, value, time });
+    return row;
   }
 
   // Changes from the event stream; shown on the next frame, the latest of each point only.
@@ -86,21 +114,9 @@ export class PointsTable {
     }
   }
 
-  // Names from a fresh list, written only where they differ.
-  rename(points) {
-    for (const p of points) {
-      const r = this.rows.get(p.code);
-      const name = p.name || "";
-      if (r && r.name !== name) {
-        r.name = name;
-        r.tr.cells[1].textContent = name;
-      }
-    }
-  }
-
   // A point the gateway began to upload since the table was built, in code order.
   insert(p) {
-    const tr = this.row(p);
+    const row = this.row(p);
     let lo = 0;
     let hi = this.codes.length;
     while (lo < hi) {
@@ -108,9 +124,28 @@ export class PointsTable {
       if (this.codes[mid] < p.code) lo = mid + 1;
       else hi = mid;
     }
-    this.body.insertBefore(tr, lo < this.codes.length ? this.rows.get(this.codes[lo]).tr : null);
+    if (lo < this.codes.length) {
+      const next = this.rows.get(this.codes[lo]).row;
+      next.parentNode.insertBefore(row, next);
+    } else {
+      let last = this.body.lastElementChild;
+      if (!last || last.childElementCount >= BLOCK_ROWS) last = this.body.appendChild(this.block(BLOCK_ROWS));
+      last.append(row);
+    }
     this.codes.splice(lo, 0, p.code);
-    if (this.filterText) tr.hidden = !this.matches(p.code, p.name || "");
+    if (this.filterText) row.hidden = !this.matches(p.code, p.name || "");
+  }
+
+  // Names from a fresh list, written only where they differ.
+  rename(points) {
+    for (const p of points) {
+      const r = this.rows.get(p.code);
+      const name = p.name || "";
+      if (r && r.name !== name) {
+        r.name = name;
+        r.nameCell.textContent = name;
+      }
+    }
   }
 
   unmark(before) {
@@ -125,21 +160,16 @@ export class PointsTable {
 
   filter(text) {
     this.filterText = text.trim().toLowerCase();
-    for (const [code, r] of this.rows) r.tr.hidden = this.filterText !== "" && !this.matches(code, r.name);
+    for (const [code, r] of this.rows) r.row.hidden = this.filterText !== "" && !this.matches(code, r.name);
     this.count();
   }
 
   count() {
-    const shown = this.filterText ? [...this.rows.values()].filter((r) => !r.tr.hidden).length : this.rows.size;
+    const shown = this.filterText ? [...this.rows.values()].filter((r) => !r.row.hidden).length : this.rows.size;
     this.countEl.textContent = shown === this.rows.size ? "(" + shown + ")" : "(" + shown + " of " + this.rows.size + ")";
   }
 
   setStale(stale) {
-    this.table.classList.toggle("stale", stale);
-  }
-
-  value(code) {
-    const r = this.rows.get(code);
-    return r ? r.value.textContent : undefined;
+    this.grid.classList.toggle("stale", stale);
   }
 }
