@@ -36,6 +36,11 @@ MosquittoBroker::MosquittoBroker(const QString &user, const QString &password) :
     writeFile(m_dir.path() + "/mosquitto.conf", conf);
 }
 
+void MosquittoBroker::addConfig(const QByteArray &lines)
+{
+    writeFile(m_dir.path() + "/mosquitto.conf", readFile(m_dir.path() + "/mosquitto.conf") + lines + "\n");
+}
+
 bool MosquittoBroker::start()
 {
     m_proc = std::make_unique<ChildProcess>();

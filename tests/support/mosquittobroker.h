@@ -21,6 +21,8 @@ public:
     // With a user, only that account may connect.
     explicit MosquittoBroker(const QString &user = QString(), const QString &password = QString());
     int port() const { return m_port; }
+    // More configuration lines, before start().
+    void addConfig(const QByteArray &lines);
     bool start();
     // Stops the broker it started (by pid) and waits for the end.
     void stop();

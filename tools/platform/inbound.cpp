@@ -74,6 +74,10 @@ bool parseHistory(const QJsonObject &o, Inbound *out, QString *why)
             return false;
         }
         row.text = storable(r.value("data_text").toString());
+        if (r.contains("row_id") && (!jsonInt64(r.value("row_id"), &row.rowId) || row.rowId < 0)) {
+            *why = "a row whose \"row_id\" is no number";
+            return false;
+        }
         out->rows.append(row);
     }
     return true;

@@ -17,8 +17,9 @@ struct PointValue {
 };
 
 struct HistoryRow {
-    qint64 time = 0;  // the gateway's seconds, as sent
-    QString text;     // the group's values joined by line feeds
+    qint64 time = 0;   // the gateway's seconds, as sent
+    QString text;      // the group's values joined by line feeds
+    qint64 rowId = -1;  // "row_id" when the gateway names its rows
 };
 
 struct AlarmEvent {

@@ -68,6 +68,7 @@ QByteArray statusJson(const PlatformOptions &o, const WriterStats &w, const Inge
     jsonBool(j, "broker_connected", const_cast<agent::BrokerLink &>(broker).connected());
     jsonField(j, "subscription", QString::fromUtf8(o.subscription()));
     jsonField(j, "messages", qint64(w.messages));
+    jsonField(j, "stored", qint64(w.stored));
     jsonField(j, "batches", qint64(w.batches));
     jsonField(j, "history_stored", qint64(w.historyStored));
     jsonField(j, "history_duplicates", qint64(w.historyDuplicates));

@@ -21,17 +21,19 @@ const char *const kTables[] = {
     " time BIGINT NOT NULL,"
     " PRIMARY KEY (gw, code))",
 
-    // One row per sample as the gateway sent it. occurrence tells apart
-    // equal rows of one batch (same group, second and values), so that a
-    // resent batch adds nothing and two real samples are never merged.
+    // One row per sample as the gateway sent it, told apart from an equal
+    // row (same group, second and values) by the gateway's row_id when it
+    // names its rows, else by its place among the equal rows of its batch.
     "CREATE TABLE IF NOT EXISTS history ("
     " gw INTEGER NOT NULL,"
     " group_id BIGINT NOT NULL,"
     " data_time BIGINT NOT NULL,"
     " data_text TEXT NOT NULL,"
     " occurrence INTEGER NOT NULL,"
+    " row_id BIGINT NOT NULL,"
     " received BIGINT NOT NULL)",
-    "CREATE UNIQUE INDEX IF NOT EXISTS history_key ON history (gw, group_id, data_time, %TEXTKEY%, occurrence)",
+    "CREATE UNIQUE INDEX IF NOT EXISTS history_key"
+    " ON history (gw, group_id, data_time, %TEXTKEY%, row_id, occurrence)",
     "CREATE INDEX IF NOT EXISTS history_time ON history (data_time)",
 
     // Alarm events and recoveries in the order they were stored.

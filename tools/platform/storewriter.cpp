@@ -166,32 +166,35 @@ bool StoreWriter::storeHistory(const std::vector<const Inbound *> &msgs, const Q
         quint32 group;
         qint64 time;
         const QString *text;
+        qint64 rowId;
         int occurrence;
         qint64 received;
     };
     std::vector<Row> rows;
     for (const Inbound *m : msgs) {
         QHash<QPair<qint64, QString>, int> seen;
-        for (const HistoryRow &r : m->rows)
-            rows.push_back({ids.value(m->serial), m->groupId, r.time, &r.text, seen[{r.time, r.text}]++, m->receivedMs});
+        for (const HistoryRow &r : m->rows) {
+            const int occurrence = r.rowId >= 0 ? 0 : seen[{r.time, r.text}]++;
+            rows.push_back({ids.value(m->serial), m->groupId, r.time, &r.text, r.rowId, occurrence, m->receivedMs});
+        }
         const QByteArray ack = "{\"status\":\"yes\",\"group_id\":" + QByteArray::number(m->groupId) + "}";
         out->acks.push_back({m->prefix + "/DevRecv/HisData", ack});
     }
     std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) {
-        return std::tie(a.gw, a.group, a.time, *a.text, a.occurrence) <
-               std::tie(b.gw, b.group, b.time, *b.text, b.occurrence);
+        return std::tie(a.gw, a.group, a.time, *a.text, a.rowId, a.occurrence) <
+               std::tie(b.gw, b.group, b.time, *b.text, b.rowId, b.occurrence);
     });
     for (size_t at = 0; at < rows.size(); at += kRowsPerStatement) {
         const size_t n = std::min(rows.size() - at, size_t(kRowsPerStatement));
         SqlParams params;
-        params.reserve(n * 6);
+        params.reserve(n * 7);
         for (size_t i = at; i < at + n; ++i) {
             const Row &r = rows[i];
-            params.insert(params.end(), {r.gw, r.group, r.time, *r.text, r.occurrence, r.received});
+            params.insert(params.end(), {r.gw, r.group, r.time, *r.text, r.rowId, r.occurrence, r.received});
         }
         const QByteArray sql =
-            "INSERT INTO history (gw, group_id, data_time, data_text, occurrence, received) VALUES " +
-            valuesClause(static_cast<int>(n), 6) + " ON CONFLICT DO NOTHING";
+            "INSERT INTO history (gw, group_id, data_time, data_text, row_id, occurrence, received) VALUES " +
+            valuesClause(static_cast<int>(n), 7) + " ON CONFLICT DO NOTHING";
         if (!m_db.exec(sql, params))
             return false;
         out->historyStored += static_cast<int>(m_db.changes());
@@ -298,8 +301,8 @@ bool StoreWriter::storeRest(const std::vector<const Inbound *> &msgs, const QHas
         // At most once a second, so that instances sharing the load seldom
         // wait for each other on the gateway's row.
         if (!m_db.exec("UPDATE gateways SET last_seen = $1, version = $2 WHERE id = $3"
-                       " AND (last_seen < $1 - 1000 OR version <> $2)",
-                       {seen.first, *seen.second, gw}))
+                       " AND (last_seen < $4 OR version <> $2)",
+                       {seen.first, *seen.second, gw, seen.first - 1000}))
             return false;
     }
     return true;

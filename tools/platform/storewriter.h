@@ -6,9 +6,12 @@
 // Exactly once. The gateway sends a history batch and an alarm event again
 // until it is acknowledged, so the same content arrives more than once:
 // - a history row is stored once per (gateway, group, data_time, data_text,
-//   occurrence), occurrence numbering equal rows within one batch. A resent
-//   batch, or one cut differently after the gateway restarted, adds nothing;
-//   two real samples with the same second and values in one batch stay two.
+//   row_id, occurrence). A gateway that names its rows ("row_id") tells equal
+//   samples apart itself. For one that does not, occurrence numbers equal
+//   rows within a batch: a resent batch, or one cut differently after the
+//   gateway restarted, adds nothing, and two real samples with the same
+//   second and values in one batch stay two. Only equal samples that a batch
+//   boundary splits cannot be told from a resend; they are stored once.
 // - an alarm event is a duplicate when this gateway already has one with the
 //   same reqId and content (a resend, in whatever order copies arrive), or
 //   when its content equals the gateway's last stored event (the resend of a

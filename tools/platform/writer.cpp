@@ -106,6 +106,7 @@ bool Writer::tryStore(const std::vector<Inbound> &batch, int attempts)
         BatchOutcome outcome;
         if (m_store.store(batch, &outcome)) {
             ++m_stats.batches;
+            m_stats.stored += batch.size();
             deliver(outcome);
             return true;
         }

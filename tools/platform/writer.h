@@ -15,7 +15,8 @@
 namespace platform {
 
 struct WriterStats {
-    std::atomic<quint64> messages{0};
+    std::atomic<quint64> messages{0};  // taken from the queue
+    std::atomic<quint64> stored{0};    // of those, committed
     std::atomic<quint64> batches{0};
     std::atomic<quint64> historyStored{0};
     std::atomic<quint64> historyDuplicates{0};
