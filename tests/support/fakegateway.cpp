@@ -8,32 +8,11 @@
 #include <QRandomGenerator>
 #include <QThread>
 
-#include <mosquitto.h>
 
 namespace lumbra::test {
 namespace {
 
 const qint64 kFirstSecond = 1000000;
-
-void onMessage(mosquitto *, void *obj, const mosquitto_message *m)
-{
-    static_cast<FakeGateway *>(obj)->received(m->topic,
-                                              QByteArray(static_cast<const char *>(m->payload), m->payloadlen));
-}
-
-void onConnect(mosquitto *mosq, void *obj, int rc)
-{
-    if (rc != 0)
-        return;
-    auto *g = static_cast<FakeGateway *>(obj);
-    mosquitto_subscribe(mosq, nullptr, (g->prefix() + "/DevRecv/#").constData(), 1);
-    g->setConnected(true);
-}
-
-void onDisconnect(mosquitto *, void *obj, int)
-{
-    static_cast<FakeGateway *>(obj)->setConnected(false);
-}
 
 qint64 nowMs()
 {
@@ -43,17 +22,10 @@ qint64 nowMs()
 }  // namespace
 
 FakeGateway::FakeGateway(int brokerPort, const QString &serial, int resendMs)
-    : m_serial(serial), m_resendMs(resendMs), m_reqId(QRandomGenerator::global()->generate())
+    : m_serial(serial), m_resendMs(resendMs), m_reqId(QRandomGenerator::global()->generate()),
+      m_client(brokerPort, prefix() + "/DevRecv/#",
+               [this](const QByteArray &topic, const QByteArray &payload) { received(topic, payload); })
 {
-    mosquitto_lib_init();
-    m_mosq = mosquitto_new(nullptr, true, this);
-    mosquitto_message_callback_set(m_mosq, onMessage);
-    mosquitto_connect_callback_set(m_mosq, onConnect);
-    mosquitto_disconnect_callback_set(m_mosq, onDisconnect);
-    mosquitto_reconnect_delay_set(m_mosq, 1, 1, false);
-    mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_connect_async(m_mosq, "127.0.0.1", brokerPort, 10);
-    mosquitto_loop_start(m_mosq);
     m_thread = std::thread([this] { loop(); });
 }
 
@@ -65,21 +37,17 @@ FakeGateway::~FakeGateway()
     }
     m_wake.notify_all();
     m_thread.join();
-    mosquitto_disconnect(m_mosq);
-    mosquitto_loop_stop(m_mosq, true);
-    mosquitto_destroy(m_mosq);
 }
 
 bool FakeGateway::connected(int timeoutMs) const
 {
-    return eventually([&] { return m_connected.load(); }, timeoutMs);
+    return m_client.connected(timeoutMs);
 }
 
 bool FakeGateway::publish(const QByteArray &shortTopic, const QByteArray &payload)
 {
     ++m_published;
-    return mosquitto_publish(m_mosq, nullptr, (prefix() + shortTopic).constData(), payload.size(),
-                             payload.constData(), 0, false) == MOSQ_ERR_SUCCESS;
+    return m_client.publish(prefix() + shortTopic, payload);
 }
 
 void FakeGateway::addHistory(quint32 group, int rows, bool equalPairs)
@@ -185,7 +153,7 @@ void FakeGateway::loop()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
-        if (m_connected && nowMs() >= m_deafUntilMs)
+        if (m_client.connected(0) && nowMs() >= m_deafUntilMs)
             sendDue();
         m_wake.wait_for(lock, std::chrono::milliseconds(50));
     }

@@ -7,6 +7,8 @@
 // afresh and events go again under new request ids.
 #pragma once
 
+#include "mqttclient.h"
+
 #include <QByteArray>
 #include <QMap>
 #include <QString>
@@ -16,8 +18,6 @@
 #include <deque>
 #include <mutex>
 #include <thread>
-
-struct mosquitto;
 
 namespace lumbra::test {
 
@@ -56,7 +56,6 @@ public:
     bool publish(const QByteArray &shortTopic, const QByteArray &payload);
 
     void received(const QByteArray &topic, const QByteArray &payload);
-    void setConnected(bool up) { m_connected = up; }
 
 private:
     struct Row {
@@ -91,8 +90,6 @@ private:
     const int m_resendMs;
     std::atomic<int> m_batchRows{300};
     std::atomic<bool> m_rowIds{false};
-    mosquitto *m_mosq = nullptr;
-    std::atomic<bool> m_connected{false};
     std::atomic<quint64> m_published{0};
 
     mutable std::mutex m_mutex;
@@ -105,6 +102,7 @@ private:
     qint64 m_alarmSentMs = 0;
     qint64 m_deafUntilMs = 0;
     bool m_stop = false;
+    MqttClient m_client;  // after the state its callback touches
     std::thread m_thread;
 };
 

@@ -4,6 +4,7 @@
 
 #include <pqxx/pqxx>
 
+#include <map>
 #include <string>
 
 namespace platform {
@@ -32,6 +33,7 @@ public:
     {
         try {
             m_work.reset();
+            m_prepared.clear();
             m_conn = std::make_unique<pqxx::connection>(m_url);
             return true;
         } catch (const std::exception &e) {
@@ -51,14 +53,14 @@ public:
             return false;
         }
         try {
-            const std::string text(sql.constData(), sql.size());
+            const std::string name = prepared(sql);
             const std::vector<std::string> values = textParams(params);
             pqxx::result r;
             if (m_work) {
-                r = m_work->exec_params(text, pqxx::prepare::make_dynamic_params(values));
+                r = m_work->exec_prepared(name, pqxx::prepare::make_dynamic_params(values));
             } else {
                 pqxx::nontransaction n(*m_conn);
-                r = n.exec_params(text, pqxx::prepare::make_dynamic_params(values));
+                r = n.exec_prepared(name, pqxx::prepare::make_dynamic_params(values));
             }
             m_changes = r.affected_rows();
             if (rows)
@@ -128,6 +130,20 @@ public:
 private:
     bool connected() const { return m_conn && m_conn->is_open(); }
 
+    // The same few statements run again and again: planned once per
+    // connection. Multi-row statements come in at most a few hundred row
+    // counts, so the set stays small. Throws as libpqxx does; exec() catches.
+    std::string prepared(const QByteArray &sql)
+    {
+        auto it = m_prepared.find(sql);
+        if (it != m_prepared.end())
+            return it->second;
+        const std::string name = "s" + std::to_string(m_prepared.size());
+        m_conn->prepare(name, std::string(sql.constData(), sql.size()));
+        m_prepared.emplace(sql, name);
+        return name;
+    }
+
     bool caught(DbFault f, const char *what)
     {
         fail(f, QString::fromUtf8(what).trimmed());
@@ -149,6 +165,7 @@ private:
     std::unique_ptr<pqxx::connection> m_conn;
     std::unique_ptr<pqxx::work> m_work;  // declared after m_conn: ended before it
     qint64 m_changes = 0;
+    std::map<QByteArray, std::string> m_prepared;  // SQL text to statement name
 };
 
 }  // namespace
