@@ -152,6 +152,17 @@ class Console(unittest.TestCase):
             commands.stop()
         self.assertEqual(stack.page_errors(d), [])
 
+    def test_pages_left_behind_hold_no_connection(self):
+        # The browser keeps a left page in its back-forward cache; had it kept
+        # the page's event stream open too, the seventh page would wait for one
+        # of the six connections a browser opens to the platform.
+        self.gateway("CONSOLE-C", {}).values({1: "1"})
+        self.heard("CONSOLE-C")
+        for n in range(8):
+            start = time.monotonic()
+            self.open("CONSOLE-C")
+            self.assertLess(time.monotonic() - start, 20, "page %d waited for a connection" % (n + 1))
+
     def test_the_stream_comes_back_after_the_platform_was_killed(self):
         d = self.driver
         gw = self.gateway("CONSOLE-B", {1: "Level"})

@@ -157,6 +157,10 @@ $("filter").addEventListener("input", (e) => {
 });
 $("chart-close").addEventListener("click", () => go(current));
 window.addEventListener("hashchange", route);
+// A stream left open by a page kept in the back-forward cache would hold one
+// of the browser's few connections to the platform.
+window.addEventListener("pagehide", () => stream.close());
+window.addEventListener("pageshow", (e) => e.persisted && current && stream.open(current));
 setInterval(refreshGateways, GATEWAYS_EVERY_MS);
 setInterval(() => gateways.tick(), 1000);
 setInterval(() => current && loadAlarms(), ALARMS_EVERY_MS);
