@@ -59,7 +59,11 @@ export class HistoryChart {
         this.range = Number(b.dataset.range);
         this.refresh();
       });
-    window.addEventListener("resize", () => this.plot && this.plot.setSize(this.size()));
+    // The panel's width changes with the window and with the values table
+    // beside it (which fills after the chart may have been drawn).
+    new ResizeObserver(() => {
+      if (this.plot && Math.abs(this.plot.width - this.size().width) > 1) this.plot.setSize(this.size());
+    }).observe(this.box);
   }
 
   size() {
