@@ -56,14 +56,14 @@ void Writer::run()
 {
     for (;;) {
         std::vector<Inbound> batch = m_queue.take(kBatchMessages, kIdleWaitMs);
-        if (batch.empty()) {
-            if (m_queue.closed())
-                break;
-            pruneWhenDue();
-        } else {
+        if (batch.empty() && m_queue.closed())
+            break;
+        if (!batch.empty()) {
             m_stats.messages += batch.size();
             storeBatch(batch);
         }
+        // Also under steady traffic, which never leaves the queue empty.
+        pruneWhenDue();
         reportDrops();
     }
     reportDrops();
