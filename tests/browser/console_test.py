@@ -171,7 +171,6 @@ class Console(unittest.TestCase):
         self.open("CONSOLE-B")
         stack.wait_for("the stream", lambda: d.find_element(By.ID, "stream").text == "live")
         d.execute_script("window.sameDocument = true")
-        cell = value_cell(d, 1)
 
         self.platform.process.stop(signal.SIGKILL)
         stack.wait_for("the page to notice", lambda: d.find_element(By.ID, "stream").text == "reconnecting")
@@ -181,6 +180,7 @@ class Console(unittest.TestCase):
         stack.wait_for("the value sent after the restart", lambda: value_cell(d, 1).text == "after", 15)
         self.assertTrue(d.execute_script("return window.sameDocument === true"), "the page was reloaded")
         self.assertEqual(value_cell(d, 2).text, "2")
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

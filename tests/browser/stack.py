@@ -25,7 +25,7 @@ def skip_without_browser():
     """Exits with SKIP, saying why, where Chromium or Selenium is missing."""
     missing = [p for p in (CHROMIUM, CHROMEDRIVER) if not os.access(p, os.X_OK)]
     try:
-        import selenium  # noqa: F401
+        import selenium  # noqa: F401  (only whether it is there)
     except ImportError:
         missing.append("python3-selenium")
     if missing:
