@@ -18,7 +18,8 @@ endforeach()
 # (the armhf one) ships the box's programs only.
 if(TARGET lumbra-platform)
   install(TARGETS lumbra-platform RUNTIME DESTINATION usr/bin)
-  install(DIRECTORY ${CMAKE_SOURCE_DIR}/tools/platform/www/ DESTINATION usr/share/lumbra/platform/www)
+  # The console as the build put it together: the page and uPlot from npm.
+  install(DIRECTORY ${CMAKE_BINARY_DIR}/tools/platform/www/ DESTINATION usr/share/lumbra/platform/www)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/lumbra-platform.service DESTINATION lib/systemd/system)
   install(DIRECTORY DESTINATION etc/lumbra/platform-config)
 else()

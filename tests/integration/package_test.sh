@@ -104,7 +104,7 @@ check_files() { # ROOT FILE_LIST SOURCE_DIR
   for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim /usr/bin/lumbra-platform \
     /usr/lib/lumbra/driver/libmodbus_rtu.so /usr/lib/lumbra/driver/libmodbus_tcp.so \
     /etc/lumbra/agent.ini /lib/systemd/system/lumbra.service /lib/systemd/system/lumbra-platform.service \
-    /usr/share/lumbra/platform/www/index.html \
+    /usr/share/lumbra/platform/www/{index.html,js/main.js,uPlot.iife.min.js,uPlot.min.css,uPlot.LICENSE} \
     /usr/share/lumbra/lumbra-prepare-workdir /usr/share/doc/lumbra/README.md; do
     if ! grep -qx "$p" <<<"$2" || [[ ! -f $1$p ]]; then fail "$p not installed"; fi
   done
