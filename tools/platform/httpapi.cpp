@@ -16,7 +16,9 @@ namespace {
 const char kJson[] = "application/json";
 const size_t kMaxBody = 1 << 20;
 const int kEventWaitMs = 1000;
-const int kKeepAliveS = 15;
+// Short on purpose: cpp-httplib notices a closed stream only when a write to
+// it fails, and until then it holds one of the 32 stream places.
+const int kKeepAliveS = 2;
 
 void reply(httplib::Response &res, const Reply &r)
 {
