@@ -278,8 +278,11 @@ bool SoftwareOpt::downloadFile(const filePath_t &file)
     const QString local = kDownloadDir + file.fileName;
     const int rc = download(server, file.filePath, local, m_req.account, kIdleSeconds);
     zlog_info(g_zlog, "%s download:%d", local8(file.fileName).constData(), rc);
-    if (rc != 1)
-        return false;
+    return rc == 1 && matchesCheckCode(local, file);
+}
+
+bool SoftwareOpt::matchesCheckCode(const QString &local, const filePath_t &file)
+{
     const QString md5 = unitTool::culMd5Sum(local);
     if (md5.isEmpty() || md5.compare(file.fileCheckCode, Qt::CaseInsensitive) != 0) {
         zlog_error(g_zlog, "fileCheckCode:%s md5:%s", local8(file.fileCheckCode).constData(),
@@ -365,6 +368,12 @@ void SoftwareOpt::runUpdate()
         const QString local = kDownloadDir + file.fileName;
         if (!QFileInfo(local).isFile()) {
             zlog_error(g_zlog, "%s No such file", local8(local).constData());
+            report(kUpdateFail);
+            return;
+        }
+        // The file on disk may be another package's (an earlier DOWNLOAD) or
+        // damaged since: install only what this request names.
+        if (!matchesCheckCode(local, file)) {
             report(kUpdateFail);
             return;
         }

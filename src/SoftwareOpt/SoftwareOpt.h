@@ -70,6 +70,7 @@ private:
     void report(const QString &state);
     void runDownload();
     bool downloadFile(const filePath_t &file);
+    static bool matchesCheckCode(const QString &local, const filePath_t &file);
     void runUpdate();
     bool installFile(const filePath_t &file);
     bool namesArePlain(const char *failState);

@@ -40,6 +40,24 @@ const QList<Rule> &rules()
 
 }  // namespace
 
+bool mayHoldSecret(const char *text, size_t size)
+{
+    static const char *const words[] = {"pass", "pwd", "secret", "token"};
+    for (size_t i = 0; i < size; ++i) {
+        const char c = static_cast<char>(text[i] | 0x20);  // ASCII lower case
+        if (c != 'p' && c != 's' && c != 't')
+            continue;
+        for (const char *w : words) {
+            size_t k = 0;
+            while (w[k] && i + k < size && static_cast<char>(text[i + k] | 0x20) == w[k])
+                ++k;
+            if (!w[k])
+                return true;
+        }
+    }
+    return false;
+}
+
 bool isSecretKey(const QString &key)
 {
     static const QRegularExpression re(QStringLiteral("pass|pwd|secret|token"),
@@ -49,8 +67,7 @@ bool isSecretKey(const QString &key)
 
 QString maskSecrets(const QString &text)
 {
-    if (!text.contains(QRegularExpression(QStringLiteral("pass|pwd|secret|token"),
-                                          QRegularExpression::CaseInsensitiveOption)))
+    if (!isSecretKey(text))
         return text;
     QString out = text;
     for (const Rule &r : rules())

@@ -11,6 +11,9 @@ namespace lumbra {
 // "secret" or "token", in any case.
 bool isSecretKey(const QString &key);
 
+// A fast check, without allocating, for text that might need masking.
+bool mayHoldSecret(const char *text, size_t size);
+
 // The text with the value of every secret key replaced by ***: JSON members
 // ("pwd":"x", "pwd":123), JSON quoted inside a JSON string (\"pwd\":\"x\"),
 // and INI or command-line style pairs (password=x, pass_word: x).

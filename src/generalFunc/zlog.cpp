@@ -3,6 +3,7 @@
 #include "zlogconf.h"
 #include "zlogformat.h"
 #include "zlogrotatingsink.h"
+#include "secrets.h"
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/pattern_formatter.h>
@@ -81,8 +82,10 @@ std::shared_ptr<spdlog::sinks::sink> makeSink(const Rule &rule,
             if (rule.maxSize > 0)
                 shared = std::make_shared<lumbra::ZlogRotatingSink>(rule.path, rule.maxSize, rule.maxFiles,
                                                                     rule.archivePattern);
-            else
+            else {
+                lumbra::restrictLogFile(rule.path);
                 shared = std::make_shared<spdlog::sinks::basic_file_sink_mt>(rule.path);
+            }
         }
         sink = shared;
     }
@@ -236,6 +239,13 @@ void zlog(zlog_category_t *category, const char *file, size_t, const char *func,
         msg = heapBuf.data();
     }
 
+    // Whatever a caller logs (a cloud message, a configuration line), a
+    // password in it never reaches a log file.
+    if (lumbra::mayHoldSecret(msg, static_cast<size_t>(n))) {
+        heapBuf = lumbra::maskSecrets(QByteArray(msg, n)).toStdString();
+        msg = heapBuf.data();
+        n = static_cast<int>(heapBuf.size());
+    }
     lumbra::zlogfmt::Record rec{category->name.c_str(), level, file, func, line, msg,
                                 static_cast<size_t>(n), {}};
     clock_gettime(CLOCK_REALTIME, &rec.time);

@@ -1,7 +1,11 @@
 #include "zlogrotatingsink.h"
 
+#include <spdlog/details/os.h>
+
 #include <cstdio>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace lumbra {
 namespace {
@@ -14,11 +18,22 @@ bool exists(const std::string &path)
 
 }  // namespace
 
+void restrictLogFile(const std::string &path)
+{
+    spdlog::details::os::create_dir(spdlog::details::os::dir_name(path));
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        fchmod(fd, 0600);
+        ::close(fd);
+    }
+}
+
 ZlogRotatingSink::ZlogRotatingSink(std::string path, uint64_t maxSize, int maxFiles,
                                    std::string archivePattern)
     : m_path(std::move(path)), m_maxSize(maxSize), m_maxFiles(maxFiles),
       m_archivePattern(std::move(archivePattern))
 {
+    restrictLogFile(m_path);
     m_file.open(m_path, false);
     m_size = m_file.size();
 }
@@ -49,6 +64,7 @@ void ZlogRotatingSink::rotate()
         }
         std::rename(m_path.c_str(), archiveName(0).c_str());
     }
+    restrictLogFile(m_path);
     m_file.open(m_path, true);
     m_size = 0;
 }

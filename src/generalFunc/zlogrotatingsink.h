@@ -11,6 +11,11 @@
 
 namespace lumbra {
 
+// Creates the log file (and its folders) readable by its owner only, and
+// takes group and other rights from one made by an earlier version: log
+// lines may carry what an operator would rather keep to himself.
+void restrictLogFile(const std::string &path);
+
 class ZlogRotatingSink final : public spdlog::sinks::base_sink<std::mutex> {
 public:
     ZlogRotatingSink(std::string path, uint64_t maxSize, int maxFiles, std::string archivePattern);

@@ -9,6 +9,7 @@
 #include "platformsim.h"
 #include "testsupport.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSet>
@@ -190,4 +191,39 @@ TEST_F(SupervisedGateway, AGatewayOnItsOwnNoticesAnAgentRestartWithinSeconds)
         EXPECT_GT(gateway.output().count("get mqtt status:0"), downs) << killed;
     }
     EXPECT_TRUE(gateway.running());
+}
+
+// Passwords reach the box in cloud messages (an FTP account, a forwarding
+// broker's account) and in the agent's own file: with every debug line on,
+// none of them may be written anywhere.
+TEST_F(SupervisedGateway, NoPasswordReachesAnyLogEvenAtDebugLevel)
+{
+    writeFile(box.workPath() + "/zlog.conf", "[formats]\ns = \"%V %m%n\"\n[rules]\niot.DEBUG \"log/iot.log\"; s\n");
+    agent->addConfig("[broker]\npassword hunter-s3cret\n");  // mistyped: no "="
+    ASSERT_TRUE(startGateway());
+    ASSERT_FALSE(sent("/DevSend/DevConfigReq", 1, 15000).isEmpty()) << log();
+
+    const QByteArray software = R"({"ip":"127.0.0.1","port":"1","username":"box","pwd":"ftp-s3cret",
+        "devSoftwareType":"iot","devOperationType":"DOWNLOAD","softwareVersionResponse":{"fileList":[
+        {"fileName":"a.zip","filePath":"a.zip","fileCheckCode":"0"}]}})";
+    const QByteArray server = R"({"operation_type":"add","data":[{"server_config_id":7,"host":"127.0.0.1",
+        "port":1,"client_id":"c7","use_authentication":true,"user_name":"u","pass_word":"broker-s3cret"}]})";
+    ASSERT_TRUE(cloud->publish(topic("/DevRecv/SoftwareOperation"), software));
+    ASSERT_TRUE(cloud->publish(topic("/DevRecv/OnlineMqttServerSet"), server));
+    EXPECT_FALSE(sent("/DevSend/OnlineMqttServerSetAck", 1, 8000).isEmpty()) << log();
+    const auto failed = [&] {
+        for (const QJsonObject &ack : sent("/DevSend/SoftwareOperationAck", 1, 100))
+            if (ack.value("state").toString() == "DOWNLOAD_FAIL")
+                return true;
+        return false;
+    };
+    EXPECT_TRUE(eventually(failed, 8000)) << log();
+
+    const QByteArray gatewayLog = readFile(box.workPath() + "/log/iot.log");
+    agent->process().waitForOutput("\x01", 300);  // only reads
+    const QByteArray agentLog = agent->output().toUtf8();
+    ASSERT_TRUE(gatewayLog.contains("SoftwareOperation") && agentLog.contains("OnlineMqttServerSet"));
+    for (const QByteArray &text : {gatewayLog, agentLog})
+        EXPECT_FALSE(text.contains("s3cret")) << text.toStdString();
+    EXPECT_EQ(QFile(box.workPath() + "/log/iot.log").permissions() & (QFileDevice::ReadOther | QFileDevice::ReadGroup), 0);
 }

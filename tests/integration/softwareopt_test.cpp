@@ -206,22 +206,24 @@ TEST_F(SoftwareOptTest, UpdateWithoutCompletePackageInstallsNothing)
         const char *name;
         QList<Package> files;
         const char *present;  // below the working directory
+        bool asServed;        // with the served bytes of the first file, else other bytes
         int scriptExit;
         const char *logged;
     } cases[] = {
-        {"nothing downloaded", {a}, "", 0, "download/a.bin No such file"},
-        {"no file listed", {}, "", 0, "fileList empty"},
-        {"second file missing", {a, b}, "iotRunTime/download/a.bin", 0, "download/b.bin No such file"},
-        {"name leaving the directory", {{"../a.bin", "", ""}}, "iotRunTime/a.bin", 0, "refused:../a.bin"},
-        {"name with slash", {{"x/a.bin", "", ""}}, "iotRunTime/download/x/a.bin", 0, "refused:x/a.bin"},
-        {"script fails", {a}, "iotRunTime/download/a.bin", 3, "update script exit:3"},
+        {"nothing downloaded", {a}, "", false, 0, "download/a.bin No such file"},
+        {"no file listed", {}, "", false, 0, "fileList empty"},
+        {"second file missing", {a, b}, "iotRunTime/download/a.bin", true, 0, "download/b.bin No such file"},
+        {"name leaving the directory", {{"../a.bin", "", ""}}, "iotRunTime/a.bin", false, 0, "refused:../a.bin"},
+        {"name with slash", {{"x/a.bin", "", ""}}, "iotRunTime/download/x/a.bin", false, 0, "refused:x/a.bin"},
+        {"file of an earlier download", {a}, "iotRunTime/download/a.bin", false, 0, "fileCheckCode:"},
+        {"script fails", {a}, "iotRunTime/download/a.bin", true, 3, "update script exit:3"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         installFakes(c.scriptExit);
         QDir(work.file("iotRunTime")).removeRecursively();
         if (*c.present)
-            work.write(c.present, "package");
+            work.write(c.present, c.asServed ? readFile(served.path() + "/" + a.path) : QByteArray("package"));
         send(request("UPDATE", c.files));
         EXPECT_EQ("UPDATEING UPDATE_FAIL", states("UPDATE"));
         EXPECT_TRUE(log.contains(c.logged));

@@ -132,6 +132,30 @@ TEST(Zlog, SizeRotationKeepsTheConfiguredArchives)
         EXPECT_LE(readFile(dir.file("log/" + f)).size(), 1024);
 }
 
+// A box's log files are read by whoever gets a shell on it: owner only, and
+// no password in them, whatever a caller hands to the log.
+TEST(Zlog, FilesAreOwnerOnlyAndCarryNoPasswords)
+{
+    WorkDir dir;
+    dir.write("old.log", "from an earlier version\n");
+    QFile(dir.file("old.log")).setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                               QFileDevice::ReadOther);
+    dir.write("zlog.conf", "[formats]\nm = \"%m%n\"\n[rules]\niot.DEBUG \"old.log\"; m\n"
+                           "iot.DEBUG \"log/r.log\", 1KB * 2; m\n");
+    ASSERT_EQ(unitTool::my_zlog_init(), 0);
+    zlog_debug(g_zlog, "Received : %s", R"({"topic":"/DevRecv/SoftwareOperation","msg":"{\"pwd\":\"s3cr:et\"}"})");
+    for (int i = 0; i < 60; ++i)  // through a rotation
+        zlog_info(g_zlog, "line %d pass_word=hunter2", i);
+    for (const QString &name : {QString("old.log"), QString("log/r.log"), QString("log/r.log.0")}) {
+        const QFile::Permissions others = QFileDevice::ReadGroup | QFileDevice::ReadOther | QFileDevice::WriteGroup |
+                                          QFileDevice::WriteOther;
+        EXPECT_EQ(QFile(dir.file(name)).permissions() & others, 0) << name.toStdString();
+        const QByteArray text = readFile(dir.file(name));
+        EXPECT_FALSE(text.contains("s3cr") || text.contains("hunter2")) << text.toStdString();
+        EXPECT_TRUE(text.contains("***")) << name.toStdString();
+    }
+}
+
 TEST(Zlog, MissingOrGarbledConfigFallsBackToStdout)
 {
     for (const char *conf : {static_cast<const char *>(nullptr), "[rules]\niot.NOPE >stdout\n"}) {

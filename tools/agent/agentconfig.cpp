@@ -1,5 +1,7 @@
 #include "agentconfig.h"
 
+#include "generalFunc/secrets.h"
+
 #include "agentlog.h"
 #include "inifile.h"
 
@@ -138,8 +140,11 @@ QString current(const KeySpec &spec)
 void applyIni(const IniFile &ini, AgentConfig *cfg)
 {
     const QByteArray file = cfg->configFile.toLocal8Bit();
-    for (const QString &p : ini.problems())
-        AGENT_WARN("config %s: %s ignored, not a key = value line", file.constData(), p.toUtf8().constData());
+    for (const QString &p : ini.problems()) {
+        // A mistyped password line would otherwise be echoed whole.
+        const QString shown = lumbra::isSecretKey(p) ? p.section(':', 0, 0) + ": (not shown, it may hold a secret)" : p;
+        AGENT_WARN("config %s: %s ignored, not a key = value line", file.constData(), shown.toUtf8().constData());
+    }
     const std::vector<KeySpec> specs = keySpecs(*cfg);
     for (auto it = ini.values().cbegin(); it != ini.values().cend(); ++it) {
         const QByteArray name = (it.key().first + "/" + it.key().second).toUtf8();

@@ -1,5 +1,7 @@
 #include "agentlog.h"
 
+#include "generalFunc/secrets.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
@@ -44,6 +46,13 @@ void logLine(Level level, const char *format, ...)
     // Several threads log; one write per line keeps lines whole on a pipe.
     n = body < 0 ? n : std::min(n + static_cast<size_t>(body), sizeof line - 2);
     line[n++] = '\n';
+    // Cloud messages logged with -v carry FTP and broker passwords.
+    if (lumbra::mayHoldSecret(line, n)) {
+        const QByteArray masked = lumbra::maskSecrets(QByteArray(line, static_cast<int>(n)));
+        ssize_t ignored = write(STDOUT_FILENO, masked.constData(), masked.size());
+        (void)ignored;
+        return;
+    }
     ssize_t ignored = write(STDOUT_FILENO, line, n);
     (void)ignored;
 }
