@@ -177,15 +177,24 @@ void MqttClient::received(const mosquitto_message *message)
     }
 }
 
+// A topic no broker takes, or one in the wrong list, is logged and left out.
+bool MqttClient::acceptable(const topicData_t &topic, bool subscribe) const
+{
+    QString problem = lumbra::forward::topicProblem(topic);
+    if (problem.isEmpty() && lumbra::forward::isSubscribeFunc(funcOf(topic)) != subscribe)
+        problem = subscribe ? "a publishing function" : "a subscription function";
+    if (problem.isEmpty())
+        return true;
+    zlog_error(g_zlog, "server_config_id:%d %s topic \"%s\" refused: %s", m_settings.configId,
+               subscribe ? "subscribe" : "publish", local8(topic.topic.left(200)).constData(),
+               local8(problem).constData());
+    return false;
+}
+
 bool MqttClient::addPubTopicData(topicData_t &topic)
 {
-    const QString problem = lumbra::forward::topicProblem(topic);
-    if (!problem.isEmpty() || lumbra::forward::isSubscribeFunc(funcOf(topic))) {
-        zlog_error(g_zlog, "server_config_id:%d publish topic \"%s\" refused: %s", m_settings.configId,
-                   local8(topic.topic.left(200)).constData(),
-                   local8(problem.isEmpty() ? "a subscription function" : problem).constData());
+    if (!acceptable(topic, false))
         return false;
-    }
     QMutexLocker lock(&m_topicsMutex);
     m_pubTopics.append(topic);
     return true;
@@ -193,13 +202,8 @@ bool MqttClient::addPubTopicData(topicData_t &topic)
 
 bool MqttClient::addSubTopicData(topicData_t &topic)
 {
-    const QString problem = lumbra::forward::topicProblem(topic);
-    if (!problem.isEmpty() || !lumbra::forward::isSubscribeFunc(funcOf(topic))) {
-        zlog_error(g_zlog, "server_config_id:%d subscribe topic \"%s\" refused: %s", m_settings.configId,
-                   local8(topic.topic.left(200)).constData(),
-                   local8(problem.isEmpty() ? "a publishing function" : problem).constData());
+    if (!acceptable(topic, true))
         return false;
-    }
     QMutexLocker lock(&m_topicsMutex);
     m_subTopics.append(topic);
     if (m_connected && m_link)

@@ -145,6 +145,7 @@ private:
     bool settled() override;
 
     void openCache();
+    bool acceptable(const topicData_t &topic, bool subscribe) const;
     void publishOnline();
     void subscribeAll();
     // The template filled with point values, "%sn%", the system variables

@@ -16,15 +16,6 @@ namespace {
 
 const char kTable[] = "mqttForward";
 
-QString idList(const QList<qint64> &ids)
-{
-    QStringList parts;
-    parts.reserve(ids.size());
-    for (qint64 id : ids)
-        parts << QString::number(id);
-    return parts.join(',');
-}
-
 }  // namespace
 
 QString ForwardCache::fileFor(const QString &dir, int configId)
@@ -121,8 +112,10 @@ bool ForwardCache::remove(const QList<qint64> &rowids)
 {
     if (!m_db || rowids.isEmpty())
         return false;
-    const bool ok =
-        m_db->del(QString("DELETE FROM %1 WHERE rowid IN (%2)").arg(kTable, idList(rowids)).toStdString());
+    QString sql = QString("DELETE FROM %1 WHERE rowid IN (").arg(kTable);
+    for (int i = 0; i < rowids.size(); ++i)
+        sql += (i ? "," : "") + QString::number(rowids.at(i));
+    const bool ok = m_db->del((sql + ")").toStdString());
     m_removedSinceCompact = m_removedSinceCompact || ok;
     recount();
     return ok;
