@@ -89,6 +89,8 @@ bool serverFromJson(const QJsonObject &s, MqttClient::Settings *out, QString *wh
         *why = "a client certificate needs cafile or capath";
     else if (r.clientId.toUtf8().size() > 65535)
         *why = "client_id longer than 65535 bytes";
+    else if (r.mqttVersion == MQTT_PROTOCOL_V31 && r.clientId.toUtf8().size() > 23)
+        *why = "client_id longer than the 23 bytes MQTT 3.1 allows";
     else if (r.useAuthentication && r.userName.isEmpty())
         *why = "use_authentication without user_name";
     else

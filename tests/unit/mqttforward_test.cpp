@@ -111,6 +111,7 @@ TEST(ForwardRecords, ServersThatCannotWorkAreRefusedWithTheReason)
         {R"("cafile":"ca","certfile":"box.crt")", "certfile and keyfile go together"},
         {R"("certfile":"box.crt","keyfile":"box.key")", "a client certificate needs cafile or capath"},
         {R"("use_authentication":true)", "use_authentication without user_name"},
+        {R"("mqtt_version":3,"client_id":"a-client-id-of-24-bytes!")", "client_id longer than the 23 bytes"},
     };
     for (const auto &c : cases) {
         MqttClient::Settings s;
