@@ -8,7 +8,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 
 namespace {
 
@@ -77,9 +76,8 @@ void SpecialRegister::readRoute()
         zlog_info(g_zlog, "file no-exist:%s", local8(path).constData());
         return;
     }
-    QSettings ini(path, QSettings::IniFormat);
-    m_chooseId = ini.value("Choose_ID").toInt();
-    m_routeModel = ini.value("RouteModel").toInt();
+    m_chooseId = unitTool::GetIniValue("Choose_ID", path).toInt();
+    m_routeModel = unitTool::GetIniValue("RouteModel", path).toInt();
     zlog_info(g_zlog, "Choose_ID:%d", m_chooseId);
 }
 
@@ -115,16 +113,18 @@ void SpecialRegister::readSimInfo()
         zlog_info(g_zlog, "file no-exist:%s", local8(path).constData());
         return;
     }
-    QSettings ini(path, QSettings::IniFormat);
-    m_imei = ini.value("IMEI").toString();
-    m_modelName = ini.value("modle_name").toString();
-    m_netState = ini.value("net_stat").toInt();
-    m_signalStrength = ini.value("signalStrength").toInt();
+    // Through GetIniValue: an unquoted comma in a value (a modem name) must
+    // not turn it into a list and lose it.
+    const auto ini = [&path](const char *key) { return unitTool::GetIniValue(key, path); };
+    m_imei = ini("IMEI").toString();
+    m_modelName = ini("modle_name").toString();
+    m_netState = ini("net_stat").toInt();
+    m_signalStrength = ini("signalStrength").toInt();
     writeModemWord(kSignalWord, m_signalStrength);
-    m_iccid = ini.value("QCCID").toString();
-    m_simState = ini.value("sim_state").toInt();
+    m_iccid = ini("QCCID").toString();
+    m_simState = ini("sim_state").toInt();
     writeModemWord(kSimWord, m_simState);
-    m_ifname = ini.value("ifname").toString();
+    m_ifname = ini("ifname").toString();
     writeModemWord(kInterfaceWord, m_ifname.isEmpty() ? 0 : 1);
 }
 

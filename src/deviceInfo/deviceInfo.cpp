@@ -7,7 +7,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSettings>
 
 #include <sys/utsname.h>
 
@@ -28,13 +27,12 @@ QString kernelRelease()
 QJsonObject iniObject(const QString &path, const QStringList &intKeys, const QStringList &textKeys)
 {
     QJsonObject obj;
-    QSettings ini(path, QSettings::IniFormat);
     for (const QString &k : intKeys)
-        if (ini.contains(k))
-            obj.insert(k, ini.value(k).toInt());
+        if (const QVariant v = unitTool::GetIniValue(k, path); v.isValid())
+            obj.insert(k, v.toInt());
     for (const QString &k : textKeys)
-        if (ini.contains(k))
-            obj.insert(k, ini.value(k).toString());
+        if (const QVariant v = unitTool::GetIniValue(k, path); v.isValid())
+            obj.insert(k, v.toString());
     return obj;
 }
 

@@ -17,7 +17,8 @@ TEST(DeviceInfo, ReadsSerialAndDescribesTheBox)
     box.write("/usr/brenta/config.ini", "MODEL=VELOR-100\n");
     box.write("/usr/brenta/iot_work/iot_config.ini", "version=3.0.0\n");
     box.write("/usr/brenta/net_inf.ini", "Choose_ID=2\nRouteModel=1\n");
-    box.write("/tmp/run/4g.info", "IMEI=8613\nmodle_name=EC20\nnet_stat=1\nsignalStrength=23\n"
+    // A value with a comma stays one text.
+    box.write("/tmp/run/4g.info", "IMEI=8613\nmodle_name=EC20,CN\nnet_stat=1\nsignalStrength=23\n"
                                   "QCCID=8986\nsim_state=1\nifname=usb0\n");
     deviceInfo::getInstance()->init();
     EXPECT_EQ(deviceInfo::getInstance()->sn(), "A1B2C3");
@@ -33,6 +34,7 @@ TEST(DeviceInfo, ReadsSerialAndDescribesTheBox)
     EXPECT_EQ(g4["IMEI"].toString(), "8613");
     EXPECT_EQ(g4["signalStrength"].toInt(), 23);
     EXPECT_EQ(g4["ifname"].toString(), "usb0");
+    EXPECT_EQ(g4["modle_name"].toString(), "EC20,CN");
     EXPECT_FALSE(log.contains("no-exist"));
 }
 
