@@ -181,7 +181,7 @@ private:
     // Taken before the connection's own lock, after m_topicsMutex.
     QMutex m_sendMutex;
     std::deque<Pending> m_inflight;  // handed to the broker, not acknowledged
-    static const qint64 kBeforeAllRows = std::numeric_limits<qint64>::min();
+    static constexpr qint64 kBeforeAllRows = std::numeric_limits<qint64>::min();
     qint64 m_drainAfter = kBeforeAllRows;  // the last cached row handed over
     QList<qint64> m_acked;  // cached rows acknowledged, to delete
     QHash<QString, lumbra::LogThrottle> m_dropLogs;  // by topic; under m_sendMutex

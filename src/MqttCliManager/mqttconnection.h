@@ -29,8 +29,8 @@ namespace lumbra::forward {
 class MqttConnection {
 public:
     // First and longest wait before an attempt after a failed one.
-    static const int kFirstRetryS = 5;
-    static const int kLongestRetryS = 120;
+    static constexpr int kFirstRetryS = 5;
+    static constexpr int kLongestRetryS = 120;
 
     MqttConnection(const MqttClient::Settings &settings, LinkOwner *owner);
     ~MqttConnection();
