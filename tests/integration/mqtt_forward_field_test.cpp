@@ -15,7 +15,7 @@ using namespace lumbra::test;
 
 namespace {
 
-using Field = ForwardingFixture;
+using ForwardingInTheField = ForwardingFixture;
 
 const char kTick[] = R"({"ts":%timestamp%})";
 
@@ -26,7 +26,7 @@ QString withClientId(QString server, int id, const QString &clientId)
 
 }  // namespace
 
-TEST_F(Field, BrokerStartedLateGetsTheFirstSecondsFromTheCache)
+TEST_F(ForwardingInTheField, BrokerStartedLateGetsTheFirstSecondsFromTheCache)
 {
     MosquittoBroker broker;
     const qint64 boxStart = QDateTime::currentSecsSinceEpoch();
@@ -53,7 +53,7 @@ TEST_F(Field, BrokerStartedLateGetsTheFirstSecondsFromTheCache)
     EXPECT_LE(ts.first() + g_zonetime, boxStart + 2) << "the first seconds are missing";
 }
 
-TEST_F(Field, BrokerHungThenKilledLosesNothingWithTheCache)
+TEST_F(ForwardingInTheField, BrokerHungThenKilledLosesNothingWithTheCache)
 {
     MosquittoBroker broker;
     ASSERT_TRUE(broker.start());
@@ -91,7 +91,7 @@ TEST_F(Field, BrokerHungThenKilledLosesNothingWithTheCache)
 
 // Beside a good topic: one the broker's ACL refuses and one larger than the
 // broker takes (MQTT 5 tells both), and one with a wildcard.
-TEST_F(Field, BadTopicsAreDroppedWhileAGoodOneGoesThroughAnOutage)
+TEST_F(ForwardingInTheField, BadTopicsAreDroppedWhileAGoodOneGoesThroughAnOutage)
 {
     MosquittoBroker broker;
     broker.addConfig("max_packet_size 600\n");
@@ -133,7 +133,7 @@ TEST_F(Field, BadTopicsAreDroppedWhileAGoodOneGoesThroughAnOutage)
     EXPECT_TRUE(log.contains("topic:plant/big message dropped: cached message cannot be sent"));
 }
 
-TEST_F(Field, ServersWithOneClientIdKeepTheirMessagesApart)
+TEST_F(ForwardingInTheField, ServersWithOneClientIdKeepTheirMessagesApart)
 {
     MosquittoBroker up, down;
     ASSERT_TRUE(up.start());
@@ -165,7 +165,7 @@ TEST_F(Field, ServersWithOneClientIdKeepTheirMessagesApart)
 // A broker that speaks only TLS and wants client certificates: the right CA
 // and host work; a certificate for another host, or one signed by nobody we
 // trust, is refused unless tls_insecure waives the host check.
-TEST_F(Field, TlsChecksTheBrokerCertificate)
+TEST_F(ForwardingInTheField, TlsChecksTheBrokerCertificate)
 {
     TestPki pki;
     ASSERT_TRUE(pki.ok());
