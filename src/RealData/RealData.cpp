@@ -135,8 +135,13 @@ void RealData::run()
             m_seenUps = ups;
             m_refreshData = true;
         }
-        if (every > 0 && (tick - 1) % every != 0)
+        // Read every second all the same: forwarding topics publish values
+        // of their own period, and must not repeat a stale one.
+        if (every > 0 && (tick - 1) % every != 0) {
+            QMutexLocker lock(&m_mutex);
+            readPoints();
             continue;
+        }
         // exchange(): a status notification during the pass asks for the next one.
         if (m_refreshData.exchange(false))
             uploadData(false);
@@ -156,6 +161,19 @@ int RealData::readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size)
                                                       *size, communication::kindOf(cfg.dataType));
 }
 
+// Called with m_mutex held.
+void RealData::readPoints()
+{
+    QByteArray buffer;
+    for (DataCfg_t &cfg : m_points) {
+        int size = 0;
+        cfg.good = readPoint(cfg, buffer, &size) == 1;
+        if (cfg.good)
+            cfg.value = formatValue(cfg, reinterpret_cast<const uchar *>(buffer.constData()), size, cfg.value);
+    }
+    ++m_passes;
+}
+
 // Written by hand rather than through a JSON document: with thousands of
 // points the document's allocations cost more than everything else in a pass.
 // A point without a good value is left out: the platform keeps showing the
@@ -164,19 +182,15 @@ int RealData::readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size)
 QString RealData::rtdMessage(bool changedOnly)
 {
     QByteArray items;
-    QByteArray buffer;
     {
         QMutexLocker lock(&m_mutex);
+        readPoints();
         items.reserve(m_points.size() * 32);
         for (DataCfg_t &cfg : m_points) {
-            int size = 0;
-            const bool wasGood = cfg.good;
-            cfg.good = readPoint(cfg, buffer, &size) == 1;
-            if (!cfg.good)
-                continue;
-            const QString old = cfg.value;
-            cfg.value = formatValue(cfg, reinterpret_cast<const uchar *>(buffer.constData()), size, old);
-            if (changedOnly && wasGood && cfg.value == old)
+            const bool unchanged = cfg.passGood && cfg.value == cfg.passValue;
+            cfg.passGood = cfg.good;
+            cfg.passValue = cfg.value;
+            if (!cfg.good || (changedOnly && unchanged))
                 continue;
             items.append(items.isEmpty() ? "{\"code\":" : ",{\"code\":");
             items.append(QByteArray::number(cfg.code));
@@ -214,7 +228,7 @@ bool RealData::GetDataByCode(const int &code, QString &out)
     return true;
 }
 
-bool RealData::pointState(int code, QString *value, bool *good)
+bool RealData::pointState(int code, QString *value, bool *good, int *dataType)
 {
     QMutexLocker lock(&m_mutex);
     auto it = m_points.constFind(code);
@@ -222,6 +236,8 @@ bool RealData::pointState(int code, QString *value, bool *good)
         return false;
     *value = it->value;
     *good = it->good;
+    if (dataType)
+        *dataType = it->dataType;
     return true;
 }
 

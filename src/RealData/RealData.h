@@ -21,6 +21,10 @@ public:
         int code = 0;
         QString value;  // the last good value's text; empty before the first
         bool good = false;  // value is what the device sent on its last read
+        // As they were at the last upload pass: what "changed" compares with,
+        // now that points are read every second and uploaded less often.
+        QString passValue;
+        bool passGood = false;
         QString name;
         int dataType = 0;
         int displayType = 0;
@@ -55,9 +59,12 @@ public:
     // The point's text, only while it is good (what the device sent on its
     // last read).
     bool GetDataByCode(const int &code, QString &out);
-    // The point's last good text (empty before the first) and whether the
-    // last read confirmed it; false for an unknown code.
-    bool pointState(int code, QString *value, bool *good);
+    // The point's last good text (empty before the first), whether the
+    // last read confirmed it and its value type; false for an unknown code.
+    bool pointState(int code, QString *value, bool *good, int *dataType = nullptr);
+    // Passes that read the points since start: every second, whatever the
+    // upload interval, so that readers of the values see them current.
+    quint64 passes() const { return m_passes; }
     QMap<int, DataCfg_t> &codeDataMap() { return m_points; }
     bool DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &op);
     bool externalAddr();
@@ -93,6 +100,8 @@ private:
     void readSettings(const QJsonObject &root);
     // 1 with a good value in buffer, else 0 or -1 (getCommValue).
     int readPoint(const DataCfg_t &cfg, QByteArray &buffer, int *size);
+    // Called with m_mutex held.
+    void readPoints();
 
     QMutex m_mutex;
     std::atomic<bool> m_uploadFunState{false};
@@ -104,4 +113,5 @@ private:
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_refreshData{false};
     quint64 m_seenUps = 0;  // the cloud's up count at the last look
+    std::atomic<quint64> m_passes{0};
 };
