@@ -21,7 +21,7 @@ test: build
 
 # The demo needs only the programs, not the tests: a fresh machine gets there sooner.
 demo: configure
-	@cmake --build $(BUILD) -j$(JOBS) --target Lumbra lumbra-agent lumbra-plcsim modbus_tcp modbus_rtu
+	@cmake --build $(BUILD) -j$(JOBS) --target Lumbra lumbra-agent lumbra-plcsim lumbra-platform modbus_tcp modbus_rtu
 	@scripts/demo $(BUILD)
 
 bench: build

@@ -2,13 +2,13 @@
 // Modbus TCP link, uploading to a nanomsg peer standing in for the agent.
 #include "agentpeer.h"
 #include "modbusslave.h"
+#include "procstat.h"
 #include "process.h"
 #include "rtdconfig.h"
 #include "tcplink.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <cstdio>
@@ -16,22 +16,7 @@
 
 using namespace lumbra::test;
 
-namespace {
-
-// VmRSS of a process in kB, or -1.
-long residentKb(qint64 pid)
-{
-    QFile status(QString("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toLong();
-    }
-    return -1;
-}
-
-}  // namespace
+using lumbra::bench::residentKb;
 
 int main(int argc, char **argv)
 {

@@ -14,6 +14,18 @@ foreach(program Lumbra lumbra-agent lumbra-plcsim)
   endif()
 endforeach()
 
+# The platform side runs beside the broker; a build without its libraries
+# (the armhf one) ships the box's programs only.
+if(TARGET lumbra-platform)
+  install(TARGETS lumbra-platform RUNTIME DESTINATION usr/bin)
+  # The console as the build put it together: the page and uPlot from npm.
+  install(DIRECTORY ${CMAKE_BINARY_DIR}/tools/platform/www/ DESTINATION usr/share/lumbra/platform/www)
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/lumbra-platform.service DESTINATION lib/systemd/system)
+  install(DIRECTORY DESTINATION etc/lumbra/platform-config)
+else()
+  message(STATUS "packaging: lumbra-platform is not built here; the package leaves it out")
+endif()
+
 # Only the gateway loads these (through links in its working directory), so
 # they live in a private directory rather than on the linker's path.
 foreach(driver modbus_rtu modbus_tcp)
@@ -64,6 +76,9 @@ option(LUMBRA_DEB_SHLIBDEPS "compute the package's Depends with dpkg-shlibdeps" 
 if(NOT DEFINED LUMBRA_DEB_DEPENDS)
   set(LUMBRA_DEB_DEPENDS
     "libc6, libstdc++6, libgcc-s1, zlib1g, libqt5core5a (>= 5.15), libqt5network5, libnanomsg5, libmosquitto1, libsqlite3-0, liblua5.2-0, libcurl4, libmodbus5, libspdlog1.10-fmt9")
+  if(TARGET lumbra-platform)
+    string(APPEND LUMBRA_DEB_DEPENDS ", libpqxx-6.4, libcpp-httplib0.11")
+  endif()
 endif()
 # The package test checks that this list still names every package
 # dpkg-shlibdeps finds, so a new library cannot slip past the ARM package.
@@ -78,15 +93,15 @@ set(CPACK_PACKAGE_DESCRIPTION [[Lumbra reads PLCs, meters and other devices thro
 plug-ins, keeps real-time, historical and alarm data, runs Lua macros and
 speaks MQTT to the cloud platform and to the user's own brokers.
 The package holds the gateway, the agent that connects it to the platform
-and supervises it, the Modbus RTU/TCP drivers, a simulated PLC and a
-systemd service.]])
+and supervises it, the Modbus RTU/TCP drivers, a simulated PLC, the open
+platform side (lumbra-platform) and systemd services.]])
 set(CPACK_PACKAGING_INSTALL_PREFIX /)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${LUMBRA_DEB_ARCH})
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS mosquitto)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "mosquitto, postgresql")
 if(LUMBRA_DEB_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   # Opened with dlopen when first needed, so dpkg-shlibdeps cannot see them;

@@ -84,6 +84,8 @@ bool HistoricalData::load()
         // A failure is logged by the store; sampling then fails row by row
         // while the rest of the gateway keeps going.
         m_db->createTableSQL(kTable);
+        // Now, while no batch refers to a rowid.
+        m_db->useIncrementalVacuum();
         // Batches are taken group by group: without it, a group with few
         // rows behind a long backlog of another would cost a scan of the
         // whole table on every pass.
@@ -408,10 +410,23 @@ bool HistoricalData::delHisData(const int &n)
 // Called with m_mutex held.
 void HistoricalData::timerRefreshData()
 {
-    if (!m_db || m_ticks % kRefreshTicks != 0)
+    if (m_ticks % kRefreshTicks == 0)
+        refreshStoreLocked();
+}
+
+void HistoricalData::refreshStore()
+{
+    QMutexLocker lock(&m_mutex);
+    refreshStoreLocked();
+}
+
+// Compacting keeps the rowids that batches in flight remember.
+void HistoricalData::refreshStoreLocked()
+{
+    if (!m_db)
         return;
     m_rowCount = m_db->dataNum(kTable);
-    m_db->VACUUM();
+    m_db->compact();
     if (m_rowCount >= 1)
         m_sendFlag = true;
 }

@@ -62,6 +62,9 @@ public:
     struct sendDataTime_t {
         QString data;
         QString time;
+        // The row's id in the store: lets the platform tell two equal samples
+        // of one second from a resent row. Left out of the message when < 0.
+        qint64 rowId = -1;
     };
 
     // Unix seconds; replaceable so that tests can walk the clock.
@@ -92,6 +95,8 @@ public:
     // Called with mutex() held.
     bool delHisData(const int &n);
     void timerRefreshData();
+    // Recounts the rows and gives the pages of deleted ones back to the disk.
+    void refreshStore();
     bool externalAddr();
     void setConfigFile(const QString &message);
 
@@ -127,6 +132,7 @@ protected:
 private:
     HistoricalData() = default;
     void tick();
+    void refreshStoreLocked();
     // Sleeps up to ms, or until an acknowledgement asks for a pass.
     void waitForWake(int ms);
     void sendIfDue();

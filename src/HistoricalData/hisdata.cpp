@@ -57,8 +57,12 @@ QByteArray batchMessage(const QString &sn, unsigned groupId, const QStringList &
                         const QList<HistoricalData::sendDataTime_t> &rows)
 {
     QJsonArray data;
-    for (const HistoricalData::sendDataTime_t &row : rows)
-        data.append(QJsonObject{{"data_text", row.data}, {"data_time", row.time}});
+    for (const HistoricalData::sendDataTime_t &row : rows) {
+        QJsonObject item{{"data_text", row.data}, {"data_time", row.time}};
+        if (row.rowId >= 0)
+            item.insert("row_id", row.rowId);
+        data.append(item);
+    }
     const QJsonObject message{{"sn_code", sn},
                               {"group_id", static_cast<qint64>(groupId)},
                               {"data_samples", labels.join(',')},

@@ -133,7 +133,7 @@ bool HisDelivery::sendGroup(unsigned groupId, const QStringList &labels, bool zi
     QList<HistoricalData::sendDataTime_t> rows;
     for (int i = 0; i + kRowCells <= cells.size(); i += kRowCells) {
         rowids << cells.at(i).toLongLong();
-        rows.append({cells.at(i + 1), cells.at(i + 2)});
+        rows.append({cells.at(i + 1), cells.at(i + 2), rowids.last()});
     }
     if (rows.isEmpty())
         return true;

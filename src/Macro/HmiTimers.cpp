@@ -1,12 +1,10 @@
 // The script timer bank. The tick runs on the thread that owns this object
-// (the main thread); a script run on reaching a limit takes the engine's
-// mutex, so it never shares the interpreter with a cyclic pass.
+// (the main thread); a script to run on reaching a limit is handed to the
+// engine's thread, the only one that enters the interpreter.
 #include "HmiToMacroInterface.h"
 #include "Macro.h"
 
 #include "generalFunc/generalFunc.h"
-
-#include <QMutexLocker>
 
 #include <climits>
 
@@ -148,11 +146,8 @@ void HmiToMacroInterface::sysTimerForMacro()
             if (elapsed)
                 script = m_runOnLimit[i];
         }
-        if (script != -1) {
-            Macro *macro = Macro::getInstance();
-            QMutexLocker lock(&macro->mutex());
-            macro->runLua(script);
-        }
+        if (script != -1)
+            Macro::getInstance()->runLua(script);
         Due due;
         if (tickOne(i, elapsed, due))
             writeOutput(due.output, due.value);

@@ -58,17 +58,17 @@ int HmiToMacroInterface::setCommValueNumber(int linkId, const QString &reg, int 
 }
 
 int HmiToMacroInterface::getCommValueNumber(const QString &link, const QString &reg, int index, int station, int len,
-                                            uchar *data, int size, int kind, int *quality)
+                                            uchar *data, int size, int kind, int *quality, int waitMs)
 {
     if (index < 0)
         return -1;
-    return links()->getCommValue(link, reg, index, station, len, data, size, kind, quality);
+    return links()->getCommValue(link, reg, index, station, len, data, size, kind, quality, waitMs);
 }
 
 int HmiToMacroInterface::getCommValueNumber(int linkId, const QString &reg, int index, int station, int len,
-                                            uchar *data, int size, int kind, int *quality)
+                                            uchar *data, int size, int kind, int *quality, int waitMs)
 {
-    return getCommValueNumber(linkName(linkId), reg, index, station, len, data, size, kind, quality);
+    return getCommValueNumber(linkName(linkId), reg, index, station, len, data, size, kind, quality, waitMs);
 }
 
 int HmiToMacroInterface::suspendComm(const QString &name)

@@ -28,7 +28,8 @@ public:
     // 16-bit words); size is the room in data in bytes; kind is a
     // LUMBRA_KIND_*. The link manager's status comes back: reads 1 only for a
     // value the device sent on its last read (else *quality says why), writes
-    // 1 only once the device confirmed them (else *why says why).
+    // 1 only once the device confirmed them (else *why says why). A read
+    // with waitMs waits that long at most for a value not read yet.
     int getIndexFromAddr(const QString &link, const QString &reg, const QString &addr, int station, int mode);
     int getIndexFromAddr(int linkId, const QString &reg, const QString &addr, int station, int mode);
     int setCommValueNumber(const QString &link, const QString &reg, int index, int station, int len,
@@ -36,9 +37,9 @@ public:
     int setCommValueNumber(int linkId, const QString &reg, int index, int station, int len, const uchar *data,
                            int size, int kind = 0, QString *why = nullptr);
     int getCommValueNumber(const QString &link, const QString &reg, int index, int station, int len, uchar *data,
-                           int size, int kind = 0, int *quality = nullptr);
+                           int size, int kind = 0, int *quality = nullptr, int waitMs = 0);
     int getCommValueNumber(int linkId, const QString &reg, int index, int station, int len, uchar *data, int size,
-                           int kind = 0, int *quality = nullptr);
+                           int kind = 0, int *quality = nullptr, int waitMs = 0);
     // The name of the link with this index; empty when there is none.
     static QString linkName(int linkId);
 

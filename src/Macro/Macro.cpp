@@ -1,42 +1,26 @@
+// The engine thread: the only one that enters the interpreter. It takes work
+// from its queue, runs the run-once scripts once the links have polled, and
+// then makes a pass over the cyclic scripts every 50 ms.
 #include "Macro.h"
 
 #include "HmiToMacroInterface.h"
-#include "macrolib.h"
+#include "macrointerpreter.h"
 
-#include "device_comm/addressjson.h"
 #include "device_comm/communication.h"
-#include "device_comm/externaladdrtable.h"
-#include "generalFunc/configfile.h"
-#include "generalFunc/datatypes.h"
-#include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
-#include "generalFunc/jsonvalue.h"
 
-#include <QFile>
-#include <cstring>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-
-extern "C" {
-#include <lauxlib.h>
-#include <lua.h>
-#include <lualib.h>
-}
+#include <chrono>
+#include <future>
 
 namespace {
 
-const char kConfigPath[] = "./iotRunTime/ScriptConfiguration.json";
-const lumbra::ConfigFileTexts kEditTexts{"Macro config file no such", "Macro config file open fail",
-                                         "Macro config parse fail"};
-const char kAbnormal[] = "The script runtime environment is abnormal.";
+const int kPassPauseMs = 50;
+// Timer scripts and queued texts: far more than a healthy box ever holds.
+const size_t kMaxQueued = 256;
+// Different error texts remembered for rate limiting.
+const int kMaxReports = 256;
 
-QByteArray local8(const QString &s) { return s.toLocal8Bit(); }
-
-int scriptId(const QJsonObject &item)
-{
-    return lumbra::jsonInt(item.contains("id") ? item.value("id") : item.value("script_id"));
-}
+using Outcome = lumbra::MacroInterpreter::Outcome;
 
 }  // namespace
 
@@ -46,346 +30,314 @@ Macro *Macro::getInstance()
     return &instance;
 }
 
-Macro::Macro() : m_hmi(std::make_unique<HmiToMacroInterface>()) {}
+Macro::Macro() : m_hmi(std::make_unique<HmiToMacroInterface>()), m_set(std::make_shared<ScriptSet>()) {}
 
 // A static instance outlives main(); its thread must be gone by then. The
-// interpreter is left to the process's end: scripts may hold globals up to it.
+// interpreter is left to the process's end: finalizers that scripts set
+// must not run while the process tears its services down.
 Macro::~Macro()
 {
+    m_closed = true;  // a late reload from another thread must not start it again
     stop();
+    (void)m_interp.release();
 }
 
 void Macro::stop()
 {
-    m_running = false;
-    wait();
-}
-
-int Macro::stackHeight() const
-{
-    return m_L ? lua_gettop(m_L) : -1;
-}
-
-void Macro::initLua()
-{
-    if (m_L || m_luaReady)
-        return;
-    m_L = luaL_newstate();
-    if (!m_L)
-        return;
-    luaL_openlibs(m_L);
-    lumbra::registerMacroGlobals(m_L);
-    m_luaReady = true;
-    // The thread stays on the main state's stack, which keeps it alive.
-    if (!m_side)
-        m_side = lua_newthread(m_L);
-}
-
-bool Macro::usable(lua_State *L) const
-{
-    if (L && lua_status(L) == LUA_OK)
-        return true;
-    zlog_error(g_zlog, "%s", kAbnormal);
-    return false;
-}
-
-void Macro::execute(lua_State *L, const QString &text)
-{
-    const int top = lua_gettop(L);
-    const QByteArray code = text.toUtf8();
-    int rc = luaL_loadstring(L, code.constData());
-    if (rc == LUA_OK)
-        rc = lua_pcallk(L, 0, LUA_MULTRET, 0, 0, nullptr);
-    if (rc != LUA_OK) {
-        const char *msg = lua_type(L, -1) == LUA_TSTRING ? lua_tolstring(L, -1, nullptr) : nullptr;
-        zlog_error(g_zlog, "%s", msg ? msg : "script error without a message");
+    {
+        std::lock_guard<std::mutex> lock(m_queueLock);
+        m_stopping = true;
+        m_queue.clear();
     }
-    // What a run leaves behind would pile up over years of cyclic runs.
-    lua_settop(L, top);
+    m_abort = true;
+    m_wake.notify_all();
+    if (!onEngine())
+        wait();
 }
 
-void Macro::runLua(const QString &text)
+void Macro::post(Task task)
 {
-    if (text.trimmed().isEmpty())
-        return;
-    initLua();
-    if (usable(m_L))
-        execute(m_L, text);
+    {
+        std::lock_guard<std::mutex> lock(m_queueLock);
+        if (m_queue.size() >= kMaxQueued) {
+            int held = 0;
+            if (m_queueFull.allow(&held))
+                zlog_error(g_zlog, "script queue full (%d waiting): a script is dropped (%d more since the last line)",
+                           static_cast<int>(m_queue.size()), held);
+            return;
+        }
+        m_queue.push_back(std::move(task));
+    }
+    m_wake.notify_all();
+    ensureRunning();
 }
 
-void Macro::runFromLua(const QString &text)
+void Macro::ensureRunning()
 {
-    if (text.trimmed().isEmpty())
+    QMutexLocker lock(&m_startLock);
+    if (m_closed || (isRunning() && !m_stopping))
         return;
-    if (usable(m_side))
-        execute(m_side, text);
+    if (isRunning())
+        wait();  // a stop on its way
+    std::lock_guard<std::mutex> queue(m_queueLock);
+    m_stopping = false;
+    m_abort = false;
+    start();
+}
+
+bool Macro::takeTask(Task *task, int waitMs)
+{
+    std::unique_lock<std::mutex> lock(m_queueLock);
+    m_wake.wait_for(lock, std::chrono::milliseconds(qMax(0, waitMs)),
+                    [this] { return !m_queue.empty() || m_stopping; });
+    if (m_queue.empty() || m_stopping)
+        return false;
+    *task = std::move(m_queue.front());
+    m_queue.pop_front();
+    return true;
+}
+
+bool Macro::sync(int timeoutMs)
+{
+    if (onEngine())
+        return true;
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> ready = done->get_future();
+    post([done] { done->set_value(); });
+    return ready.wait_for(std::chrono::milliseconds(timeoutMs)) == std::future_status::ready;
+}
+
+Macro::SetPtr Macro::scripts(unsigned *generation) const
+{
+    QMutexLocker lock(&m_mutex);
+    if (generation)
+        *generation = m_generation;
+    return m_set;
+}
+
+lumbra::MacroSettings Macro::settings() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_settings;
 }
 
 int Macro::runLua(int id)
 {
-    initLua();
-    return runStored(id, false);
+    return handStored(id, false);
 }
 
 int Macro::runFromLua(int id)
 {
-    return runStored(id, true);
+    return handStored(id, true);
 }
 
-int Macro::runStored(int id, bool side)
+void Macro::runLua(const QString &text)
 {
-    auto it = m_texts.constFind(id);
-    if (it == m_texts.constEnd())
+    handText(text, false);
+}
+
+void Macro::runFromLua(const QString &text)
+{
+    handText(text, true);
+}
+
+int Macro::handStored(int id, bool side)
+{
+    if (onEngine())
+        return runStored(id, side);
+    if (!scripts()->texts.contains(id))
         return 0;
-    const QString text = it.value();
-    setMacroSaveBitFlag(QString::number(id));
-    if (!m_saveBitValues.isEmpty() && m_saveBitValues.contains(id) && m_saveBitValues.value(id) == 0)
-        return 0;
-    lua_State *L = side ? m_side : m_L;
-    if (usable(L))
-        execute(L, text);
+    post([this, id, side] { runStored(id, side); });
     return 1;
 }
 
-void Macro::setMacroSaveBitFlag(const QString &ids)
+void Macro::handText(const QString &text, bool side)
 {
-    for (const QString &part : ids.split(',', Qt::SkipEmptyParts)) {
-        const int id = part.trimmed().toInt();
-        auto it = m_saveBitAddrs.constFind(id);
-        if (it == m_saveBitAddrs.constEnd())
-            continue;
-        const AddressInfo &a = it.value();
-        uchar value[2] = {0, 0};
-        communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, 1, value, sizeof value);
-        m_saveBitValues[id] = value[0];
-    }
-}
-
-void Macro::dealGetdataAddress(const QStringList &texts)
-{
-    QStringList calls;
-    for (const QString &text : texts) {
-        const QString code = claerComment(text);
-        for (int pos = code.indexOf("getdata"); pos >= 0; pos = code.indexOf("getdata", pos)) {
-            const int close = code.indexOf(')', pos);
-            if (close < 0)
-                break;
-            calls << code.mid(pos + 8, close - (pos + 8));
-            pos = close + 1;
-        }
-    }
-    QStringList keys;
-    for (const QString &call : calls) {
-        QStringList parts = QString(call).remove('"').split(',', Qt::SkipEmptyParts);
-        const QString reg = parts.size() > 1 ? parts[1].trimmed() : QString();
-        if (reg == "LB" || reg == "LW" || reg == "RWI")
-            continue;
-        if (parts.size() < 6) {
-            zlog_error(g_zlog, "macro getdata err:%s", local8(call).constData());
-            continue;
-        }
-        for (QString &p : parts)
-            p = p.trimmed();
-        // A table to fill is a variable name here; its first element at least is polled.
-        int length = qMax(1, parts[4].toInt());
-        if (parts.last().contains("DATA_TYPE_D"))
-            length *= 2;
-        const QString key = QString("%1,%2,%3,%4,%5,%6")
-                                .arg(parts[0], parts[1], parts[2], parts[3])
-                                .arg(length)
-                                .arg(parts.last());
-        if (!keys.contains(key))
-            keys << key;
-    }
-    for (const QString &key : keys)
-        addGetdataKey(key);
-}
-
-void Macro::addGetdataKey(const QString &key)
-{
-    const QStringList f = key.split(',');
-    if (f.size() <= 5)
-        return;
-    AddressInfo a;
-    a.link = f[0];
-    a.reg = f[1];
-    a.addr = f[2];
-    a.station = f[3].toInt();
-    a.length = f[4].toInt();
-    a.type = 0;
-    for (size_t i = 0; i < DATA_TYPE_COUNT; ++i)
-        if (f[5] == DATA_TYPE[i])
-            a.type = static_cast<int>(i);
-    const int mode = f[5] == "DATA_TYPE_BIT" ? 0 : 1;
-    a.index = communication::getInstance()->getIndexFromAddr(a.link, a.reg, a.addr, a.station, mode);
-    for (const AddressInfo &known : m_externalAddrs)
-        if (known.link == a.link && known.reg == a.reg && known.addr == a.addr && known.station == a.station &&
-            known.length == a.length && known.type == a.type)
-            return;
-    m_externalAddrs << a;
-}
-
-void Macro::externalAddr()
-{
-    for (const AddressInfo &a : qAsConst(m_externalAddrs))
-        zlog_debug(g_zlog, "link:%s reg:%s sta:%d len:%d str_addr:%s dataTYpe:%d intaddr:%d",
-                   local8(a.link).constData(), local8(a.reg).constData(), a.station, a.length,
-                   local8(a.addr).constData(), a.type, a.index);
-    lumbra::registerExternalAddrs(m_externalAddrs, EXTERNAL_ADDR_MACRO);
-}
-
-void Macro::clearTables()
-{
-    m_cycleIds.clear();
-    m_saveBitValues.clear();
-    m_saveBitAddrs.clear();
-    m_texts.clear();
-    m_cycleTimes.clear();
-    m_lastRuns.clear();
-    m_spare.clear();
-    m_externalAddrs.clear();
-    m_runOnce.clear();
-}
-
-// Returns false when the file gave no usable document; the reason is logged.
-bool Macro::readScripts(QJsonArray *items)
-{
-    QFile file(kConfigPath);
-    if (!file.exists()) {
-        zlog_info(g_zlog, "%s No such file", kConfigPath);
-        return false;
-    }
-    if (!file.open(QIODevice::ReadOnly)) {
-        zlog_info(g_zlog, "%s open fail", kConfigPath);
-        return false;
-    }
-    QJsonParseError error;
-    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll(), &error);
-    if (error.error != QJsonParseError::NoError)
-        zlog_info(g_zlog, "json parse fail [%s]", local8(error.errorString()).constData());
-    if (doc.isNull()) {
-        zlog_info(g_zlog, "json parse null");
-        return false;
-    }
-    *items = doc.object().value("data").toArray();
-    return true;
-}
-
-void Macro::loadScript(const QJsonObject &item, QStringList &texts)
-{
-    const int type = lumbra::jsonInt(item.value("type"));
-    const int cycle = lumbra::jsonInt(item.value("cycly_time"));
-    const int id = scriptId(item);
-    const QString text = item.value("text").toString();
-    if (lumbra::jsonInt(item.value("flag")) == 0) {
-        zlog_error(g_zlog, "IOT macro verification fail");
-        return;
-    }
-    if (lumbra::jsonInt(item.value("save_bit_address_flag")) != 0) {
-        m_saveBitValues[id] = 0;
-        const AddressInfo a = lumbra::addressFromJson(item.value("save_bit_address").toObject(), VALUE_BIT);
-        m_saveBitAddrs[id] = a;
-        if (communication::getLocalIndex(a.reg) == -1)
-            m_externalAddrs << a;
-    }
-    texts << text;
-    m_texts[id] = text;
-    if (type == 1) {
-        m_runOnce << text;
-    } else if (type == 2) {
-        m_cycleIds << id;
-        m_cycleTimes << cycle;
-        m_lastRuns << QTime::currentTime();
-    }
-}
-
-void Macro::init()
-{
-    zlog_debug(g_zlog, "Macro init begin");
-    QStringList texts;
-    {
-        QMutexLocker lock(&m_mutex);
-        clearTables();
-        QJsonArray items;
-        if (!readScripts(&items)) {
-            lock.unlock();
-            // Whatever scripts registered before must stop being polled.
-            externalAddr();
-            return;
-        }
-        for (const QJsonValue &v : items)
-            loadScript(v.toObject(), texts);
-    }
-    dealGetdataAddress(texts);
-    // Also when empty: a reload that drops every getdata call drops its polling.
-    externalAddr();
-    if (!m_started)
-        for (const QString &text : qAsConst(m_runOnce))
-            runLua(text);
-    m_started = true;
-    startOrStopThread();
-    zlog_debug(g_zlog, "Macro init end");
-}
-
-void Macro::startOrStopThread()
-{
-    if (m_cycleIds.isEmpty()) {
-        m_running = false;
-        return;
-    }
-    if (m_running)
-        return;
-    // A thread told to end may still be finishing its pass.
-    wait();
-    m_running = true;
-    start();
-}
-
-void Macro::setConfigFile(const QString &message)
-{
-    // The platform's online edits name a script by "script_id"; the file by "id".
-    QJsonDocument doc = QJsonDocument::fromJson(message.toUtf8());
-    QJsonObject body = doc.object();
-    QJsonArray items = body.value("data").toArray();
-    for (int i = 0; i < items.size(); ++i) {
-        QJsonObject item = items[i].toObject();
-        if (!item.contains("id") && item.contains("script_id"))
-            item.insert("id", item.value("script_id"));
-        items[i] = item;
-    }
-    if (doc.isObject() && body.contains("data")) {
-        body.insert("data", items);
-        doc.setObject(body);
-    }
-    lumbra::EditOptions options;
-    options.upsert = true;
-    options.createMissing = true;
-    const QString edit = doc.isObject() ? QString::fromUtf8(doc.toJson(QJsonDocument::Compact)) : message;
-    lumbra::editConfigFile(kConfigPath, kEditTexts, edit, "id", "id", options);
-}
-
-void Macro::runPass()
-{
-    for (int i = 0; i < m_cycleIds.size(); ++i) {
-        const QTime now = QTime::currentTime();
-        const int elapsed = m_lastRuns[i].msecsTo(now);
-        // A negative span is the clock passing midnight (or set back): run.
-        if (elapsed >= 0 && elapsed < m_cycleTimes[i])
-            continue;
-        m_lastRuns[i] = now;
-        runLua(m_cycleIds[i]);
-    }
+    if (onEngine())
+        runText(text, -1, side);
+    else
+        post([this, text, side] { runText(text, -1, side); });
 }
 
 void Macro::run()
 {
     zlog_debug(g_zlog, "Macro thread start");
-    while (m_running) {
-        {
-            QMutexLocker lock(&m_mutex);
+    QElapsedTimer sincePass;
+    while (!m_stopping) {
+        if (!m_runOnceDone && startRequested())
+            runOnceWhenLinksPolled();
+        const int untilPass = !m_runOnceDone        ? kPassPauseMs
+                              : sincePass.isValid() ? kPassPauseMs - static_cast<int>(sincePass.elapsed())
+                                                    : 0;
+        // A pass that is due goes before queued work, so a busy queue
+        // cannot starve the cyclic scripts.
+        if (m_runOnceDone && untilPass <= 0) {
             runPass();
+            sincePass.start();
+            continue;
         }
-        unitTool::delay_ms(50);
+        Task task;
+        if (takeTask(&task, untilPass))
+            task();
     }
     zlog_debug(g_zlog, "Macro thread end");
+}
+
+bool Macro::startRequested() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_initialised;
+}
+
+// Run-once scripts are there to read the plant at start-up: they wait until
+// every link has an answer for what it polls, but no longer than the box
+// allows, and never block start-up itself (this is the engine's thread).
+void Macro::runOnceWhenLinksPolled()
+{
+    const int limitMs = settings().startWaitMs;
+    QElapsedTimer waited;
+    waited.start();
+    QStringList pending = communication::getInstance()->linksWithoutFirstPoll();
+    while (!pending.isEmpty() && waited.elapsed() < limitMs) {
+        std::unique_lock<std::mutex> lock(m_queueLock);
+        if (m_wake.wait_for(lock, std::chrono::milliseconds(kPassPauseMs), [this] { return m_stopping.load(); }))
+            return;
+        lock.unlock();
+        pending = communication::getInstance()->linksWithoutFirstPoll();
+    }
+    if (!pending.isEmpty())
+        zlog_info(g_zlog, "run-once scripts start after %d ms, before link(s) %s finished a first poll cycle",
+                  static_cast<int>(waited.elapsed()), pending.join(',').toLocal8Bit().constData());
+    else
+        zlog_info(g_zlog, "run-once scripts start: every link has polled once (%d ms)",
+                  static_cast<int>(waited.elapsed()));
+    m_runOnceDone = true;
+    const SetPtr set = scripts();
+    for (int id : set->runOnce) {
+        if (m_stopping)
+            return;
+        runText(set->texts.value(id), id, false);
+    }
+}
+
+void Macro::runPass()
+{
+    unsigned generation = 0;
+    const SetPtr set = scripts(&generation);
+    // A reload starts every period afresh, as at start-up.
+    if (generation != m_seenGeneration) {
+        m_seenGeneration = generation;
+        m_lastRuns.clear();
+        for (const Cyclic &c : set->cyclic)
+            m_lastRuns[c.id].start();
+    }
+    for (const Cyclic &c : set->cyclic) {
+        if (m_stopping)
+            return;
+        QElapsedTimer &last = m_lastRuns[c.id];
+        if (last.isValid() && last.elapsed() < c.periodMs)
+            continue;
+        last.start();
+        if (enabled(*set, c.id))
+            runText(set->texts.value(c.id), c.id, false);
+    }
+}
+
+int Macro::runStored(int id, bool side)
+{
+    const SetPtr set = scripts();
+    auto it = set->texts.constFind(id);
+    if (it == set->texts.constEnd() || !enabled(*set, id))
+        return 0;
+    runText(it.value(), id, side);
+    return 1;
+}
+
+// A script with an enable bit runs only while the bit reads non-zero.
+bool Macro::enabled(const ScriptSet &set, int id)
+{
+    auto it = set.saveBits.constFind(id);
+    if (it == set.saveBits.constEnd())
+        return true;
+    const AddressInfo &a = it.value();
+    uchar value[2] = {0, 0};
+    communication::getInstance()->getCommValue(a.link, a.reg, a.index, a.station, 1, value, sizeof value);
+    return value[0] != 0;
+}
+
+void Macro::runText(const QString &text, int id, bool side)
+{
+    if (text.trimmed().isEmpty())
+        return;
+    lumbra::MacroInterpreter &in = interpreter();
+    const bool outermost = !in.inRun();
+    QString message;
+    const Outcome outcome = in.run(text, side, &message);
+    // A script started from a script that ran out of time: its caller says so.
+    if (outcome != Outcome::Done && (outermost || outcome != Outcome::TimeLimit))
+        report(id, static_cast<int>(outcome), message);
+    if (!outermost)
+        return;
+    m_stackHeight = in.stackHeight();
+    if (outcome == Outcome::MemoryLimit)
+        freeMemoryHeldByGlobals();
+}
+
+lumbra::MacroInterpreter &Macro::interpreter()
+{
+    const lumbra::MacroSettings s = settings();
+    if (m_interp && !m_interp->inRun()) {
+        if (m_interp->sandboxed() != s.sandbox) {
+            zlog_info(g_zlog, "script interpreter restarted: sandbox %s", s.sandbox ? "on" : "off");
+            m_interp.reset();
+        } else {
+            m_interp->setLimits(s.timeLimitMs, s.memoryLimitKb);
+        }
+    }
+    if (!m_interp)
+        m_interp = std::make_unique<lumbra::MacroInterpreter>(s, &m_abort);
+    return *m_interp;
+}
+
+// A script that ran out of memory has let go of what it held in locals; what
+// its globals keep would make every later run fail, so the interpreter
+// starts afresh then.
+void Macro::freeMemoryHeldByGlobals()
+{
+    m_interp->collect();
+    const qint64 used = m_interp->memoryUsed();
+    if (used <= m_interp->memoryLimit() * 3 / 4)
+        return;
+    zlog_error(g_zlog, "script interpreter restarted: its globals held %lld KB of %lld KB",
+               static_cast<long long>(used / 1024), static_cast<long long>(m_interp->memoryLimit() / 1024));
+    m_interp.reset();
+}
+
+void Macro::report(int id, int outcome, const QString &message)
+{
+    const QString who = id >= 0 ? QString("script %1").arg(id) : QStringLiteral("script text");
+    QString line;
+    switch (static_cast<Outcome>(outcome)) {
+    case Outcome::TimeLimit:
+        line = QString("%1 stopped: time limit of %2 ms").arg(who).arg(settings().timeLimitMs);
+        break;
+    case Outcome::MemoryLimit:
+        line = QString("%1 stopped: memory limit of %2 KB").arg(who).arg(settings().memoryLimitKb);
+        break;
+    case Outcome::Unusable:
+        line = QStringLiteral("The script runtime environment is abnormal.");
+        break;
+    default:
+        line = QString("%1: %2").arg(who, message);
+        break;
+    }
+    // A cyclic script that fails every pass would fill the log.
+    if (m_reports.size() >= kMaxReports)
+        m_reports.clear();
+    int held = 0;
+    if (!m_reports[line].allow(&held))
+        return;
+    if (held > 0)
+        line += QString(" (%1 more since the last line)").arg(held);
+    zlog_error(g_zlog, "%s", line.toLocal8Bit().constData());
 }

@@ -2,6 +2,7 @@
 
 #include "HmiToMacroInterface.h"
 #include "Macro.h"
+#include "macrointerpreter.h"
 #include "macrolib_p.h"
 #include "macrovalue.h"
 
@@ -73,6 +74,16 @@ QString macroText(lua_State *L, int arg)
 HmiToMacroInterface *macroHmi()
 {
     return Macro::getInstance()->hmiToMacro();
+}
+
+void macroEnter(lua_State *L)
+{
+    MacroInterpreter::checkBudget(L);
+}
+
+int macroWaitMs(lua_State *L, int requestedMs)
+{
+    return qMin(requestedMs, MacroInterpreter::remainingMs(L));
 }
 
 QByteArray macroTableBytes(lua_State *L, int arg, int count)

@@ -91,14 +91,16 @@ int lengthArg(lua_State *L, int arg)
 
 int l_HMIreaddevice(lua_State *L)
 {
+    macroEnter(L);
     QByteArray data(kMaxDeviceBytes, '\0');
     const int n = macroHmi()->readDeviceFromLinkid(macroInt(L, 1), reinterpret_cast<uchar *>(data.data()),
-                                                   lengthArg(L, 2), macroInt(L, 3));
+                                                   lengthArg(L, 2), macroWaitMs(L, macroInt(L, 3)));
     return pushReceived(L, 4, data, n);
 }
 
 int l_HMIwritedevice(lua_State *L)
 {
+    macroEnter(L);
     const int id = macroInt(L, 1);
     const int timeoutMs = macroInt(L, 4);
     return pushSent(L, macroInt(L, 3), macroText(L, 5), "writedevice", [&](const QByteArray &bytes) {
@@ -126,6 +128,7 @@ int l_HMIinitCommunication(lua_State *L)
 
 int l_HMIsendData(lua_State *L)
 {
+    macroEnter(L);
     // The length may be left out: sendData(id, "0102", "hex").
     const bool formatThird = lua_type(L, 3) == LUA_TSTRING && !lua_isnumber(L, 3);
     const int id = macroInt(L, 1);
@@ -137,10 +140,12 @@ int l_HMIsendData(lua_State *L)
 
 int l_HMIrecvData(lua_State *L)
 {
+    macroEnter(L);
     const int tableArg = lua_type(L, 2) == LUA_TTABLE ? 2 : 0;
     const int lenArg = tableArg ? 3 : 2;
     QByteArray data;
-    const int n = macroHmi()->recvData(macroInt(L, 1), data, lengthArg(L, lenArg), macroInt(L, lenArg + 1));
+    const int n =
+        macroHmi()->recvData(macroInt(L, 1), data, lengthArg(L, lenArg), macroWaitMs(L, macroInt(L, lenArg + 1)));
     return pushReceived(L, tableArg, data, n);
 }
 

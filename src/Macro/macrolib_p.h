@@ -30,6 +30,12 @@ Int macroTruncate(double v)
 
 HmiToMacroInterface *macroHmi();
 
+// Functions that may block start with macroEnter: a script whose time is up
+// stops there (it does not return then, so call it before any C++ object is
+// alive). Their waits are cut to what is left of the run's time.
+void macroEnter(lua_State *L);
+int macroWaitMs(lua_State *L, int requestedMs);
+
 // The raw bytes of a string or number argument (binary safe); empty otherwise.
 QByteArray macroBytes(lua_State *L, int arg);
 

@@ -3,6 +3,8 @@
 #include "macrolib.h"
 #include "macrolib_p.h"
 
+#include <climits>
+
 namespace lumbra {
 
 namespace {
@@ -70,9 +72,17 @@ int l_HMItimerSetOutput(lua_State *L)
                                                     macroInt(L, 4), macroInt(L, 5)));
 }
 
+// The wait counts against the script's time: a script that sleeps past it
+// is stopped when it wakes, not after the whole sleep.
 int l_HMItimerWaitFor(lua_State *L)
 {
-    return pushStatus(L, macroHmi()->timerWaitFor(macroUnsigned(L, 1)));
+    macroEnter(L);
+    const int asked = static_cast<int>(qMin<unsigned>(macroUnsigned(L, 1), INT_MAX));
+    const int ms = macroWaitMs(L, asked);
+    const int status = macroHmi()->timerWaitFor(static_cast<unsigned>(ms));
+    if (ms < asked)
+        macroEnter(L);
+    return pushStatus(L, status);
 }
 
 int l_HMItimerOutRun(lua_State *L)

@@ -4,8 +4,12 @@
 #include "macrolib_p.h"
 #include "macrovalue.h"
 
+#include "Macro.h"
+#include "device_comm/communication.h"
 #include "generalFunc/globals.h"
 #include "lumbra/driver.h"
+
+#include <climits>
 
 namespace lumbra {
 
@@ -76,16 +80,38 @@ int write(HmiToMacroInterface *hmi, const Target &t, const QString &type, int un
                      : hmi->setCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size(), kind, why);
 }
 
+// A device address that no script text names (a computed address, a link
+// held in a variable) joins the link's poll plan when a script first reads
+// it, and that first read waits for the link to fetch it.
+int firstReadWait(lua_State *L, const Target &t, const QString &type, int units)
+{
+    if (communication::getLocalIndex(t.reg) != -1)
+        return 0;
+    AddressInfo a;
+    a.link = t.byIndex ? HmiToMacroInterface::linkName(t.linkId) : t.link;
+    a.reg = t.reg;
+    a.addr = t.addr;
+    a.index = t.index;
+    a.station = t.station;
+    a.length = units;
+    a.type = macroTypeIndex(type);
+    return Macro::getInstance()->learnAddress(a) ? macroWaitMs(L, INT_MAX) : 0;
+}
+
 // 1 with a value the device sent on its last read; otherwise *why says what
 // stands in the way.
-int read(HmiToMacroInterface *hmi, const Target &t, const QString &type, int units, QByteArray &data, QString *why)
+int read(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QString &type, int units, QByteArray &data,
+         QString *why)
 {
     uchar *bytes = reinterpret_cast<uchar *>(data.data());
     const int kind = kindOf(type);
+    const int waitMs = firstReadWait(L, t, type, units);
     int quality = LUMBRA_QUALITY_NOT_READ;
-    const int rc =
-        t.byIndex ? hmi->getCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, data.size(), kind, &quality)
-                  : hmi->getCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, data.size(), kind, &quality);
+    const int size = data.size();
+    const int rc = t.byIndex ? hmi->getCommValueNumber(t.linkId, t.reg, t.index, t.station, units, bytes, size, kind,
+                                                       &quality, waitMs)
+                             : hmi->getCommValueNumber(t.link, t.reg, t.index, t.station, units, bytes, size, kind,
+                                                       &quality, waitMs);
     if (rc == 1)
         return 1;
     switch (rc < 0 ? -1 : quality) {
@@ -179,7 +205,7 @@ int pushTable(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QSt
     const int n = qBound(1, static_cast<int>(lua_rawlen(L, 5)), maxElements(type));
     QByteArray data(bufferBytes(type, n), '\0');
     QString why;
-    if (read(hmi, t, type, macroUnits(type, n), data, &why) != 1)
+    if (read(L, hmi, t, type, macroUnits(type, n), data, &why) != 1)
         return pushFailure(L, why);
     const int width = macroElementBytes(type);
     for (int i = 0; i < n; ++i) {
@@ -202,7 +228,7 @@ int pushString(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QS
         return 1;
     }
     QString why;
-    if (read(hmi, t, type, units, data, &why) != 1)
+    if (read(L, hmi, t, type, units, data, &why) != 1)
         return pushFailure(L, why);
     data.truncate(bytes);
     const int end = data.indexOf('\0');
@@ -214,7 +240,7 @@ int pushScalar(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QS
 {
     QByteArray data(bufferBytes(type, 1), '\0');
     QString why;
-    if (read(hmi, t, type, macroUnits(type, 1), data, &why) != 1)
+    if (read(L, hmi, t, type, macroUnits(type, 1), data, &why) != 1)
         return pushFailure(L, why);
     double value = 0;
     ArrayToValue(reinterpret_cast<const uchar *>(data.constData()), value, type);
@@ -227,6 +253,7 @@ int pushScalar(lua_State *L, HmiToMacroInterface *hmi, const Target &t, const QS
 // true once the device confirmed the write; false and the reason otherwise.
 int l_HMIsetData(lua_State *L)
 {
+    macroEnter(L);
     const QString type = typeArg(L, 7, "setdata");
     const MacroType family = macroTypeOf(type);
     HmiToMacroInterface *hmi = macroHmi();
@@ -248,6 +275,7 @@ int l_HMIsetData(lua_State *L)
 
 int l_HMIgetData(lua_State *L)
 {
+    macroEnter(L);
     const QString type = typeArg(L, lua_gettop(L), "getdata");
     const MacroType family = macroTypeOf(type);
     HmiToMacroInterface *hmi = macroHmi();

@@ -115,6 +115,12 @@ double fromBcd(uint32_t raw, int bytes)
 
 }  // namespace
 
+int macroTypeIndex(const QString &type)
+{
+    const TypeSpec *spec = specOf(type);
+    return spec ? static_cast<int>(spec - kTypes) : 0;
+}
+
 MacroType macroTypeOf(const QString &type)
 {
     const TypeSpec *spec = specOf(type);

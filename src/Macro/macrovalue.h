@@ -12,6 +12,8 @@ enum class MacroType { Bit, Byte, Word, DWord, String, Unknown };
 
 // The family of a type name (DATA_TYPE_BIT → Bit, DATA_TYPE_WUB → Word, ...).
 MacroType macroTypeOf(const QString &type);
+// The position of a type name in DATA_TYPE (0 for an unknown one).
+int macroTypeIndex(const QString &type);
 // Bytes one element takes in a buffer: 1 for bits and 8-bit types (and each
 // character of a string), 2 for words, 4 for double words and floats.
 int macroElementBytes(const QString &type);

@@ -1,9 +1,12 @@
 #include "MqttCliManager.h"
 
+#include "mqttconfig.h"
+#include "mqttpayload.h"
 #include "mqtttopic.h"
 
 #include "generalFunc/boxpath.h"
 #include "generalFunc/globals.h"
+#include "generalFunc/jsonvalue.h"
 
 #include <QDir>
 #include <QFile>
@@ -88,12 +91,13 @@ void MqttCliManager::init()
     QJsonObject root;
     if (!readFile(&root))
         return;
-    for (const QJsonValue &v : root.value("data").toArray()) {
+    const QJsonArray servers = root.value("data").toArray();
+    for (const QJsonValue &v : servers) {
         if (!v.isObject()) {
             zlog_error(g_zlog, "%s server record is not an object, skipped", kConfigPath);
             continue;
         }
-        addClient(v.toObject());
+        addClient(v.toObject(), servers);
     }
     const QString disk = lumbra::boxPath(kDiskCacheDir);
     zlog_info(g_zlog, "cache dir %s exists:%d, %s exists:%d", local8(disk).constData(), QDir(disk).exists() ? 1 : 0,
@@ -118,17 +122,40 @@ QString MqttCliManager::cacheDirFor(int storeType) const
     return kLocalCacheDir;
 }
 
-// Called with m_mutex held.
-void MqttCliManager::addClient(const QJsonObject &server)
+namespace {
+
+// An older version named a server's cache by its client id; the file is
+// this server's only when no other server has the same id.
+QString legacyCacheName(const QString &clientId, const QJsonArray &servers)
 {
-    MqttClient::Settings s = lumbra::forward::settingsFromJson(server);
-    if (s.host.isEmpty()) {
-        zlog_error(g_zlog, "server_config_id:%d has no host, skipped", s.configId);
+    int sharing = 0;
+    for (const QJsonValue &v : servers)
+        sharing += lumbra::jsonText(v.toObject().value("client_id")) == clientId ? 1 : 0;
+    return sharing == 1 && !clientId.isEmpty() ? lumbra::forward::fileSafe(clientId) : QString();
+}
+
+}  // namespace
+
+// Called with m_mutex held. A server that cannot work is left out whole,
+// a topic that cannot work is left out of its server; the rest runs.
+void MqttCliManager::addClient(const QJsonObject &server, const QJsonArray &all)
+{
+    MqttClient::Settings s;
+    QString why;
+    if (!lumbra::forward::serverFromJson(server, &s, &why)) {
+        zlog_error(g_zlog, "server_config_id:%d refused: %s", s.configId, local8(why).constData());
         return;
+    }
+    for (const MqttClient *c : qAsConst(m_clients)) {
+        if (c->configId() == s.configId) {
+            zlog_error(g_zlog, "server_config_id:%d refused: the id is taken by an earlier server", s.configId);
+            return;
+        }
     }
     // Here rather than at start: a box without brokers never loads the library.
     initLibrary();
     s.cacheDir = cacheDirFor(s.storeType);
+    s.legacyCacheName = legacyCacheName(s.clientId, all);
     auto *client = new MqttClient(s);
     for (const char *list : {"publish_topic_data", "subscribe_topic_data"}) {
         for (const QJsonValue &v : server.value(list).toArray()) {
@@ -147,12 +174,11 @@ void MqttCliManager::replaceSysVar(QString &text, const QDateTime &when)
 {
     if (!text.contains('%'))
         return;
-    text.replace("%timestamp%", QString::number(when.toSecsSinceEpoch() - g_zonetime));
-    // The current time, not when: the millisecond stamp tells when the
-    // message left, the others what it is about.
-    text.replace("%timestamp_long_ms%",
-                 QString::number(QDateTime::currentMSecsSinceEpoch() - qint64(g_zonetime) * 1000));
-    text.replace("%datetime%", when.toString("yyyy-MM-dd hh:mm:ss"));
+    for (const char *name : {"timestamp", "timestamp_long_ms", "datetime"}) {
+        lumbra::forward::Fill fill;
+        lumbra::forward::systemVariable(name, when, &fill);
+        text.replace(QString("%%1%").arg(name), fill.text);
+    }
 }
 
 void MqttCliManager::dealMqttDataForward(const int &index, const int &type, QString value)

@@ -5,6 +5,7 @@
 #include "MqttClient.h"
 
 #include <QDateTime>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QList>
 #include <QMutex>
@@ -45,7 +46,7 @@ private:
     void clear();
     bool readFile(QJsonObject *root) const;
     QString cacheDirFor(int storeType) const;
-    void addClient(const QJsonObject &server);
+    void addClient(const QJsonObject &server, const QJsonArray &all);
     void applyTopicEdit(const QString &op, int configId, const QList<MqttClient::topicData_t> &topics);
 
     mutable QMutex m_mutex;

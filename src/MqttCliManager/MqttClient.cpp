@@ -1,16 +1,19 @@
 #include "MqttClient.h"
 
-#include "MqttCliManager.h"
+#include "mqttcache.h"
+#include "mqttconfig.h"
+#include "mqttconnection.h"
+#include "mqttpayload.h"
 #include "mqtttopic.h"
 
-#include "Outbox/Outbox.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
-#include "SQLiteDB/SQLiteDB.h"
+#include "Outbox/Outbox.h"
 #include "deviceInfo/deviceInfo.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
+#include "generalFunc/secrets.h"
 
-#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -23,58 +26,12 @@ using lumbra::forward::funcOf;
 namespace {
 
 const char kStatusTopic[] = "/DevSend/DataforwardMqttConnectStatus";
-const char kCacheTable[] = "mqttForward";
 const char kDefaultWill[] = "{\"sn\":\"%sn%\",\"status\":\"offline\"}";
+const int kDefaultCacheRows = 10000;
 
 QByteArray local8(const QString &s)
 {
     return s.toLocal8Bit();
-}
-
-MqttClient *clientOf(void *obj)
-{
-    return static_cast<MqttClient *>(obj);
-}
-
-void connectCallback(mosquitto *, void *obj, int rc)
-{
-    if (obj)
-        clientOf(obj)->onConnect(rc);
-}
-
-void disconnectCallback(mosquitto *, void *obj, int rc)
-{
-    if (obj)
-        clientOf(obj)->onDisconnect(rc);
-}
-
-void messageCallback(mosquitto *, void *obj, const mosquitto_message *message)
-{
-    if (obj && message)
-        clientOf(obj)->onMessage(message);
-}
-
-void publishCallback(mosquitto *, void *obj, int mid)
-{
-    if (obj)
-        clientOf(obj)->onPublish(mid);
-}
-
-void subscribeCallback(mosquitto *, void *, int, int, const int *)
-{
-}
-
-void logCallback(mosquitto *, void *, int, const char *)
-{
-}
-
-int protocolVersion(int configured)
-{
-    switch (configured) {
-    case 3: return MQTT_PROTOCOL_V31;
-    case 5: return MQTT_PROTOCOL_V5;
-    default: return MQTT_PROTOCOL_V311;
-    }
 }
 
 // A write request as "/DevRecv/WriteData" takes it: the array itself, or an
@@ -89,11 +46,6 @@ QString writeRequest(const QByteArray &payload)
 
 }  // namespace
 
-void MqttClient::MosqDeleter::operator()(mosquitto *m) const
-{
-    mosquitto_destroy(m);
-}
-
 MqttClient::MqttClient(const Settings &settings) : m_settings(settings)
 {
 }
@@ -103,105 +55,63 @@ MqttClient::~MqttClient()
     destroyClient();
 }
 
+bool MqttClient::refused() const
+{
+    return m_link && m_link->refused();
+}
+
 void MqttClient::init()
 {
-    if (!m_mosq) {
-        const QByteArray id = m_settings.clientId.toUtf8();
-        m_mosq.reset(mosquitto_new(id.isEmpty() ? nullptr : id.constData(), true, this));
-        if (!m_mosq) {
-            zlog_error(g_zlog, "Error: Out of memory.");
-            return;
-        }
-    }
-    if (m_settings.useOfflineCache && !m_db)
+    if (m_settings.useOfflineCache && !m_cache)
         openCache();
-    if (!m_callbacksSet)
-        setCallbacks();
-    mosquitto *m = m_mosq.get();
-    mosquitto_int_option(m, MOSQ_OPT_PROTOCOL_VERSION, protocolVersion(m_settings.mqttVersion));
-    if (m_settings.useAuthentication)
-        mosquitto_username_pw_set(m, m_settings.userName.toUtf8().constData(), m_settings.password.toUtf8().constData());
-    mosquitto_reconnect_delay_set(m, 5, 120, true);
-    setWill();
-    // Connect first: a network thread started before it would find no
-    // socket, sleep out a reconnect delay and then tear down the connection
-    // just made. When this first attempt fails, that thread retries.
-    const int rc = mosquitto_connect_async(m, m_settings.host.toUtf8().constData(), m_settings.port,
-                                           m_settings.keepAlive);
-    if (rc != MOSQ_ERR_SUCCESS)
-        zlog_error(g_zlog, "clientId:%s connect %s:%d fail:%s, retrying", local8(m_settings.clientId).constData(),
-                   local8(m_settings.host).constData(), m_settings.port, mosquitto_strerror(rc));
-    m_loopStarted = mosquitto_loop_start(m) == MOSQ_ERR_SUCCESS;
-    zlog_info(g_zlog, "clientId:%s m_mosq:%p init end", local8(m_settings.clientId).constData(),
-              static_cast<void *>(m));
+    if (!m_link)
+        m_link = std::make_unique<lumbra::forward::MqttConnection>(m_settings, static_cast<LinkOwner *>(this));
+    m_link->start();
+    zlog_info(g_zlog, "clientId:%s server_config_id:%d %s:%d%s init end", local8(m_settings.clientId).constData(),
+              m_settings.configId, local8(m_settings.host).constData(), m_settings.port,
+              m_settings.tls() ? " (TLS)" : "");
 }
 
 void MqttClient::openCache()
 {
-    QDir().mkpath(m_settings.cacheDir);
-    const QString name = m_settings.clientId.isEmpty() ? QString("server%1").arg(m_settings.configId)
-                                                       : lumbra::forward::fileSafe(m_settings.clientId);
-    const QString path = QString("%1/%2Mqtt.db").arg(m_settings.cacheDir, name);
-    m_db.reset(new SQLiteDB(path.toLocal8Bit().constData()));
-    if (!m_db->isOpen() ||
-        !m_db->executeSQL(QString("CREATE TABLE IF NOT EXISTS %1 (topic TEXT, data TEXT, datetime TEXT);")
-                              .arg(kCacheTable)
-                              .toStdString())) {
+    using lumbra::forward::ForwardCache;
+    const QString path = ForwardCache::fileFor(m_settings.cacheDir, m_settings.configId);
+    const QString legacy = QString("%1/%2Mqtt.db").arg(m_settings.cacheDir, m_settings.legacyCacheName);
+    if (!m_settings.legacyCacheName.isEmpty() && !QFile::exists(path) && QFile::exists(legacy)) {
+        const bool moved = QFile::rename(legacy, path);
+        zlog_info(g_zlog, "clientId:%s cache %s %s %s", local8(m_settings.clientId).constData(),
+                  local8(legacy).constData(), moved ? "taken over as" : "could not be moved to", local8(path).constData());
+    }
+    const unsigned limit = m_settings.cacheNum > 0 ? unsigned(m_settings.cacheNum) : kDefaultCacheRows;
+    m_cache = std::make_unique<ForwardCache>(path, limit);
+    if (!m_cache->isOpen()) {
         zlog_error(g_zlog, "clientId:%s offline cache %s unusable, messages not sent are lost",
                    local8(m_settings.clientId).constData(), local8(path).constData());
-        m_db.reset();
+        m_cache.reset();
         return;
     }
-    m_dbDataNum = m_db->dataNum(kCacheTable);
+    m_dbDataNum = m_cache->rows();
     zlog_info(g_zlog, "m_dbDataNum:%d", static_cast<int>(m_dbDataNum));
 }
 
-void MqttClient::setCallbacks()
+// The broker publishes the will when the box goes silent; it is set anew
+// for each connection.
+bool MqttClient::will(QByteArray *topic, QByteArray *payload)
 {
-    mosquitto *m = m_mosq.get();
-    mosquitto_connect_callback_set(m, connectCallback);
-    mosquitto_subscribe_callback_set(m, subscribeCallback);
-    mosquitto_message_callback_set(m, messageCallback);
-    mosquitto_disconnect_callback_set(m, disconnectCallback);
-    mosquitto_publish_callback_set(m, publishCallback);
-    mosquitto_log_callback_set(m, logCallback);
-    m_callbacksSet = true;
-}
-
-// The broker publishes the will when the box goes silent; it takes effect
-// with the next connection.
-void MqttClient::setWill()
-{
-    if (!m_mosq)
-        return;
     QMutexLocker lock(&m_topicsMutex);
     for (const topicData_t &t : qAsConst(m_pubTopics)) {
         if (funcOf(t) != Func::WillMessage)
             continue;
-        QString text = lumbra::forward::templateOf(t).trimmed().isEmpty() ? kDefaultWill : lumbra::forward::templateOf(t);
-        lumbra::forward::fillPlaceholder(text, "sn", deviceInfo::getInstance()->sn());
-        MqttCliManager::replaceSysVar(text, QDateTime::currentDateTime());
-        const QByteArray payload = text.toUtf8();
-        mosquitto_will_set(m_mosq.get(), t.topic.toUtf8().constData(), payload.size(), payload.constData(), 0, false);
-        return;
+        const QString text = lumbra::forward::templateOf(t);
+        *payload = render(text.trimmed().isEmpty() ? kDefaultWill : text, QDateTime::currentDateTime());
+        *topic = t.topic.toUtf8();
+        return true;
     }
-    mosquitto_will_clear(m_mosq.get());
+    return false;
 }
 
-void MqttClient::onConnect(int rc)
+void MqttClient::linkUp()
 {
-    zlog_info(g_zlog, "clientID:%s m_mosq:%p reason_code:%d", local8(m_settings.clientId).constData(),
-              static_cast<void *>(m_mosq.get()), rc);
-    // 4 and 5 are both the broker refusing the account: retrying cannot
-    // help and would hammer it, so the client stays down until reconfigured.
-    if (rc == 4 || rc == 5) {
-        zlog_error(g_zlog, "clientID:%s MOSQ_ERR_CONN_REFUSED", local8(m_settings.clientId).constData());
-        m_refused = true;
-        mosquitto_disconnect(m_mosq.get());
-        return;
-    }
-    if (rc != 0)
-        return;
     const bool wasDown = !m_connected.exchange(true);
     subscribeAll();
     publishOnline();
@@ -211,19 +121,14 @@ void MqttClient::onConnect(int rc)
         sendStatus(true);
 }
 
-void MqttClient::onDisconnect(int rc)
+void MqttClient::linkDown()
 {
-    if (rc == 5 || m_refused)
-        return;
     {
         QMutexLocker lock(&m_sendMutex);
-        cacheInflight();
+        takeBackInflight();
     }
-    if (m_connected.exchange(false)) {
+    if (m_connected.exchange(false))
         sendStatus(false);
-        zlog_info(g_zlog, "clientID:%s m_mosq:%p reason_code:%d", local8(m_settings.clientId).constData(),
-                  static_cast<void *>(m_mosq.get()), rc);
-    }
 }
 
 void MqttClient::sendStatus(bool connected)
@@ -239,13 +144,13 @@ void MqttClient::subscribeAll()
 {
     QMutexLocker lock(&m_topicsMutex);
     for (const topicData_t &t : qAsConst(m_subTopics)) {
-        const int rc = mosquitto_subscribe(m_mosq.get(), nullptr, t.topic.toUtf8().constData(), 0);
+        const int rc = m_link->subscribe(t.topic.toUtf8());
         zlog_info(g_zlog, "clientID:%s subscribe %s rc:%d", local8(m_settings.clientId).constData(),
                   local8(t.topic).constData(), rc);
     }
 }
 
-void MqttClient::onMessage(const mosquitto_message *message)
+void MqttClient::received(const mosquitto_message *message)
 {
     const QByteArray payload(static_cast<const char *>(message->payload), message->payloadlen);
     QList<Func> funcs;
@@ -260,7 +165,7 @@ void MqttClient::onMessage(const mosquitto_message *message)
     }
     for (Func f : funcs) {
         if (f == Func::WriteRealData) {
-            zlog_info(g_zlog, "topic:%s write:%s", message->topic, payload.constData());
+            zlog_info(g_zlog, "topic:%s write:%s", message->topic, lumbra::maskSecrets(payload).constData());
             MqttMsgEvent::WriteRTD(writeRequest(payload));
         } else if (f == Func::Reboot && message->retain) {
             // A retained request would reboot the box again at every connect.
@@ -272,38 +177,46 @@ void MqttClient::onMessage(const mosquitto_message *message)
     }
 }
 
-void MqttClient::addPubTopicData(topicData_t &topic)
+// A topic no broker takes, or one in the wrong list, is logged and left out.
+bool MqttClient::acceptable(const topicData_t &topic, bool subscribe) const
 {
-    {
-        QMutexLocker lock(&m_topicsMutex);
-        m_pubTopics.append(topic);
-    }
-    if (funcOf(topic) == Func::WillMessage)
-        setWill();
+    QString problem = lumbra::forward::topicProblem(topic);
+    if (problem.isEmpty() && lumbra::forward::isSubscribeFunc(funcOf(topic)) != subscribe)
+        problem = subscribe ? "a publishing function" : "a subscription function";
+    if (problem.isEmpty())
+        return true;
+    zlog_error(g_zlog, "server_config_id:%d %s topic \"%s\" refused: %s", m_settings.configId,
+               subscribe ? "subscribe" : "publish", local8(topic.topic.left(200)).constData(),
+               local8(problem).constData());
+    return false;
 }
 
-void MqttClient::addSubTopicData(topicData_t &topic)
+bool MqttClient::addPubTopicData(topicData_t &topic)
 {
+    if (!acceptable(topic, false))
+        return false;
+    QMutexLocker lock(&m_topicsMutex);
+    m_pubTopics.append(topic);
+    return true;
+}
+
+bool MqttClient::addSubTopicData(topicData_t &topic)
+{
+    if (!acceptable(topic, true))
+        return false;
     QMutexLocker lock(&m_topicsMutex);
     m_subTopics.append(topic);
-    if (m_connected)
-        mosquitto_subscribe(m_mosq.get(), nullptr, topic.topic.toUtf8().constData(), 0);
+    if (m_connected && m_link)
+        m_link->subscribe(topic.topic.toUtf8());
+    return true;
 }
 
 void MqttClient::removePubTopicData(const int &configId)
 {
-    bool will = false;
-    {
-        QMutexLocker lock(&m_topicsMutex);
-        for (int i = m_pubTopics.size() - 1; i >= 0; --i) {
-            if (m_pubTopics.at(i).serverConfigId != configId)
-                continue;
-            will = will || funcOf(m_pubTopics.at(i)) == Func::WillMessage;
+    QMutexLocker lock(&m_topicsMutex);
+    for (int i = m_pubTopics.size() - 1; i >= 0; --i)
+        if (m_pubTopics.at(i).serverConfigId == configId)
             m_pubTopics.removeAt(i);
-        }
-    }
-    if (will)
-        setWill();
 }
 
 void MqttClient::removeSubTopicData(const int &configId)
@@ -312,8 +225,8 @@ void MqttClient::removeSubTopicData(const int &configId)
     for (int i = m_subTopics.size() - 1; i >= 0; --i) {
         if (m_subTopics.at(i).serverConfigId != configId)
             continue;
-        if (m_connected)
-            mosquitto_unsubscribe(m_mosq.get(), nullptr, m_subTopics.at(i).topic.toUtf8().constData());
+        if (m_connected && m_link)
+            m_link->unsubscribe(m_subTopics.at(i).topic.toUtf8());
         m_subTopics.removeAt(i);
     }
 }
@@ -330,30 +243,28 @@ QList<MqttClient::topicData_t> MqttClient::subTopics() const
     return m_subTopics;
 }
 
+// The publishing thread first, so that nothing new is handed over while the
+// connection says goodbye; what is still unacknowledged then goes to the
+// cache for the next start.
 void MqttClient::destroyClient()
 {
-    m_running = false;
+    m_stopping = true;
     if (isRunning())
         wait();
-    if (m_mosq) {
-        mosquitto_disconnect(m_mosq.get());
-        if (m_loopStarted)
-            mosquitto_loop_stop(m_mosq.get(), false);
-        m_loopStarted = false;
-        m_mosq.reset();
-    }
+    m_link.reset();
     m_connected = false;
-    m_db.reset();
+    QMutexLocker lock(&m_sendMutex);
+    flushAcked();
+    m_cache.reset();
 }
 
 void MqttClient::run()
 {
-    m_running = true;
     zlog_info(g_zlog, "%s thread start", local8(m_settings.clientId).constData());
     qint64 lastSecond = -1;
-    while (m_running) {
+    while (!m_stopping) {
         unitTool::delay_ms(100);
-        if (!m_running)
+        if (m_stopping)
             break;
         const QDateTime now = QDateTime::currentDateTime();
         const qint64 second = now.toSecsSinceEpoch();
@@ -361,8 +272,7 @@ void MqttClient::run()
             lastSecond = second;
             publishDue(now);
         }
-        if (m_connected && m_dbDataNum > 0)
-            drainOne();
+        serviceCache();
     }
     zlog_info(g_zlog, "%s thread end", local8(m_settings.clientId).constData());
 }

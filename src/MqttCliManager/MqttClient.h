@@ -1,10 +1,17 @@
 // One connection to one of the user's own MQTT brokers: it publishes the
 // configured topics from its own thread, writes back what arrives on its
 // subscriptions, and keeps what it could not send in an SQLite cache until
-// the broker is back.
+// the broker is back. With the cache on, messages go at QoS 1 and stay the
+// client's until the broker acknowledges them, so that a connection that
+// dies unnoticed loses nothing.
 #pragma once
 
+#include "mqttlinkowner.h"
+
+#include "generalFunc/logthrottle.h"
+
 #include <QDateTime>
+#include <QHash>
 #include <QList>
 #include <QMutex>
 #include <QString>
@@ -12,13 +19,19 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
+#include <limits>
 #include <memory>
 
-class SQLiteDB;
-struct mosquitto;
 struct mosquitto_message;
 
-class MqttClient : public QThread {
+namespace lumbra::forward {
+class ForwardCache;
+class MqttConnection;
+struct Fill;
+}  // namespace lumbra::forward
+
+class MqttClient : public QThread, private lumbra::forward::LinkOwner {
 public:
     struct topicData_t {
         int serverConfigId = 0;
@@ -54,7 +67,7 @@ public:
         QString host;
         int port = 1883;
         int keepAlive = 60;
-        int mqttVersion = 4;
+        int mqttVersion = 4;  // 3 MQTT 3.1, 4 3.1.1, 5
         int pushPeriod = 0;  // seconds
         bool useAuthentication = false;
         QString userName;
@@ -63,6 +76,17 @@ public:
         int storeType = 2;
         int cacheNum = 0;
         QString cacheDir;
+        // The file an older version kept this server's cache in (named by
+        // the client id), taken over when no other server shares that id.
+        QString legacyCacheName;
+        QString cafile;
+        QString capath;
+        QString certfile;
+        QString keyfile;
+        QString keyPassword;
+        bool tlsInsecure = false;
+
+        bool tls() const { return !cafile.isEmpty() || !capath.isEmpty(); }
     };
 
     explicit MqttClient(const Settings &settings);
@@ -73,10 +97,14 @@ public:
     const Settings &settings() const { return m_settings; }
     int configId() const { return m_settings.configId; }
     bool isConnected() const { return m_connected; }
+    // The broker refused the account: no more attempts until reconfigured.
+    bool refused() const;
 
+    // Opens the cache and starts connecting; the manager starts the thread.
     void init();
-    void addPubTopicData(topicData_t &topic);
-    void addSubTopicData(topicData_t &topic);
+    // False, with a log line, for a topic no broker would take.
+    bool addPubTopicData(topicData_t &topic);
+    bool addSubTopicData(topicData_t &topic);
     void removePubTopicData(const int &configId);
     void removeSubTopicData(const int &configId);
     QList<topicData_t> pubTopics() const;
@@ -93,15 +121,9 @@ public:
 
     // Ends the thread and the connection; the client can be deleted then.
     void destroyClient();
+    // Deletes the oldest n cached rows and compacts the file.
     bool delCachedb(const int &n);
     unsigned cachedRows() const { return m_dbDataNum; }
-    // One cached message to the broker: the drain step of a pass.
-    bool drainOne();
-
-    void onConnect(int rc);
-    void onDisconnect(int rc);
-    void onMessage(const mosquitto_message *message);
-    void onPublish(int mid);
 
 protected:
     void run() override;
@@ -109,44 +131,60 @@ protected:
 private:
     struct Pending {
         int mid;
+        qint64 rowid;  // the cached row it came from, 0 for a new message
         QString topic;
         QByteArray payload;
         QString time;
     };
-    struct MosqDeleter {
-        void operator()(mosquitto *m) const;
-    };
+
+    void linkUp() override;
+    void linkDown() override;
+    void published(int mid, int reason) override;
+    void received(const mosquitto_message *message) override;
+    bool will(QByteArray *topic, QByteArray *payload) override;
+    bool settled() override;
 
     void openCache();
-    void setCallbacks();
-    void setWill();
+    bool acceptable(const topicData_t &topic, bool subscribe) const;
     void publishOnline();
     void subscribeAll();
+    // The template filled with point values, "%sn%", the system variables
+    // at when and what extra knows.
+    QByteArray render(const QString &tmpl, const QDateTime &when,
+                      const std::function<bool(const QString &, lumbra::forward::Fill *)> &extra = nullptr);
+    bool pointVariable(const QString &name, lumbra::forward::Fill *out);
     bool publish(const QString &topic, const QByteArray &payload, const QString &time);
-    int publishNow(const QString &topic, const QByteArray &payload, const QString &time);
-    void cacheMessage(const QString &topic, const QByteArray &payload, const QString &time);
-    void cacheInflight();
-    void trimCache();
+    bool publishUncached(const QString &topic, const QByteArray &payload);
+    void cache(const QString &topic, const QByteArray &payload, const QString &time);
+    void takeBackInflight();
+    void serviceCache();
+    void flushAcked();
+    void drainCache();
+    void dropped(const QString &topic, const QString &why);
     void publishDue(const QDateTime &now);
     bool due(const topicData_t &topic, qint64 second) const;
     void sendStatus(bool connected);
 
     Settings m_settings;
-    std::unique_ptr<mosquitto, MosqDeleter> m_mosq;
-    std::unique_ptr<SQLiteDB> m_db;
+    std::unique_ptr<lumbra::forward::MqttConnection> m_link;
+    std::unique_ptr<lumbra::forward::ForwardCache> m_cache;
     std::atomic<unsigned> m_dbDataNum{0};
     std::atomic<bool> m_connected{false};
-    std::atomic<bool> m_running{false};
-    std::atomic<bool> m_refused{false};
-    bool m_callbacksSet = false;
-    bool m_loopStarted = false;
+    // Set once, before or while the thread runs: a stop that comes before
+    // the thread has begun must still end it.
+    std::atomic<bool> m_stopping{false};
 
     mutable QMutex m_topicsMutex;
     QList<topicData_t> m_pubTopics;
     QList<topicData_t> m_subTopics;
 
-    // Messages handed to libmosquitto but not yet written to the socket: a
-    // connection lost before then would drop them, so they go to the cache.
+    // Taken before the connection's own lock, after m_topicsMutex.
     QMutex m_sendMutex;
-    std::deque<Pending> m_inflight;
+    std::deque<Pending> m_inflight;  // handed to the broker, not acknowledged
+    static constexpr qint64 kBeforeAllRows = std::numeric_limits<qint64>::min();
+    qint64 m_drainAfter = kBeforeAllRows;  // the last cached row handed over
+    QList<qint64> m_acked;  // cached rows acknowledged, to delete
+    QHash<QString, lumbra::LogThrottle> m_dropLogs;  // by topic; under m_sendMutex
+    lumbra::LogThrottle m_templateLog;  // under m_topicsMutex, as the next
+    lumbra::LogThrottle m_codeLog;
 };

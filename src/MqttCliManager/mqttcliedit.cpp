@@ -7,6 +7,7 @@
 #include "generalFunc/configfile.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
+#include "generalFunc/secrets.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -173,7 +174,7 @@ void MqttCliManager::OnlineMQTopicSet(const QString &message)
 {
     QJsonObject msg;
     if (!parse(message, &msg)) {
-        zlog_error(g_zlog, "mqtt topic set data json parse err:%s", local8(message).constData());
+        zlog_error(g_zlog, "mqtt topic set data json parse err:%s", local8(lumbra::maskSecrets(message)).constData());
         return;
     }
     const QString op = lumbra::jsonText(msg.value("operation_type"));

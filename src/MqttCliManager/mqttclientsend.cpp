@@ -2,30 +2,39 @@
 #include "MqttClient.h"
 
 #include "MqttCliManager.h"
+#include "mqttcache.h"
+#include "mqttconfig.h"
+#include "mqttconnection.h"
+#include "mqttpayload.h"
 #include "mqtttopic.h"
 
 #include "RealData/RealData.h"
-#include "SQLiteDB/SQLiteDB.h"
 #include "deviceInfo/deviceInfo.h"
+#include "generalFunc/generalFunc.h"
 #include "generalFunc/globals.h"
+#include "generalFunc/secrets.h"
 
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <mosquitto.h>
 
 #undef LUMBRA_LOG_FILE
 #define LUMBRA_LOG_FILE "MqttCliManager/MqttClient.cpp"
 
+using lumbra::forward::Fill;
 using lumbra::forward::Func;
 using lumbra::forward::funcOf;
 
 namespace {
 
-const char kCacheTable[] = "mqttForward";
 const char kDefaultOnline[] = "{\"sn\":\"%sn%\",\"status\":\"online\",\"datetime\":\"%datetime%\"}";
-const int kDefaultCacheRows = 10000;
-// on_publish should always come; if it ever did not, the list must not grow
-// for years.
+// Cached rows handed to the broker and not yet acknowledged: enough to keep
+// a link busy, few enough that a drop costs little to send again.
+const int kDrainWindow = 256;
+// New messages without acknowledgement kept in memory at most: beyond, a
+// burst or a connection that has stopped answering (until its keep-alive
+// notices) fills the cache instead.
 const size_t kMaxInflight = 1000;
 
 QByteArray local8(const QString &s)
@@ -38,36 +47,74 @@ QString timeText(const QDateTime &when)
     return when.toString("yyyy-MM-dd hh:mm:ss");
 }
 
-// A point that did not read keeps its last good value here, and its
-// quality placeholder tells the subscriber that it is not current.
-void fillValues(QString &text, const QList<int> &codes)
+// Failures that say nothing about the message: with the connection back it
+// can go.
+bool connectionError(int rc)
 {
-    RealData *rd = RealData::getInstance();
-    for (int code : codes) {
-        QString value;
-        bool good = false;
-        if (!rd->pointState(code, &value, &good)) {
-            zlog_error(g_zlog, "not find rtd code :%d", code);
-            continue;
-        }
-        lumbra::forward::fillPlaceholder(text, QString("value_%1").arg(code), value);
-        lumbra::forward::fillPlaceholder(text, QString("quality_%1").arg(code), good ? "good" : "bad");
-    }
+    return rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST || rc == MOSQ_ERR_ERRNO || rc == MOSQ_ERR_KEEPALIVE ||
+           rc == MOSQ_ERR_NOMEM;
+}
+
+QString publishFailure(int rc)
+{
+    QString text = mosquitto_strerror(rc);
+    while (text.endsWith('.'))
+        text.chop(1);
+    return text;
 }
 
 }  // namespace
 
-bool MqttClient::sendData(topicData_t &topic, const QDateTime &when)
+// Called with m_topicsMutex held.
+bool MqttClient::pointVariable(const QString &name, Fill *out)
 {
-    QString text = lumbra::forward::templateOf(topic);
-    if (text.trimmed().isEmpty()) {
-        zlog_error(g_zlog, "topic:%s has no payload template", local8(topic.topic).constData());
+    static const QRegularExpression pattern("^(value|quality)_(\\d+)$");
+    const QRegularExpressionMatch m = pattern.match(name);
+    if (!m.hasMatch())
+        return false;
+    const int code = m.captured(2).toInt();
+    QString value;
+    bool good = false;
+    int type = 0;
+    if (!RealData::getInstance()->pointState(code, &value, &good, &type)) {
+        int held = 0;
+        if (m_codeLog.allow(&held))
+            zlog_error(g_zlog, "not find rtd code :%d", code);
         return false;
     }
-    fillValues(text, lumbra::forward::topicCodes(topic));
-    lumbra::forward::fillPlaceholder(text, "sn", deviceInfo::getInstance()->sn());
-    MqttCliManager::replaceSysVar(text, when);
-    return sendData(topic, text.toUtf8());
+    if (m.captured(1) == "quality")
+        *out = Fill::string(good ? "good" : "bad");
+    else if (!good)
+        *out = Fill::missing();
+    else
+        *out = type == VALUE_STRING ? Fill::string(value) : Fill::numeric(value);
+    return true;
+}
+
+QByteArray MqttClient::render(const QString &tmpl, const QDateTime &when,
+                              const std::function<bool(const QString &, Fill *)> &extra)
+{
+    return lumbra::forward::render(tmpl, [&](const QString &name, Fill *out) {
+        if (name == "sn") {
+            *out = Fill::string(deviceInfo::getInstance()->sn());
+            return true;
+        }
+        return lumbra::forward::systemVariable(name, when, out) || (extra && extra(name, out)) ||
+               pointVariable(name, out);
+    });
+}
+
+// Called with m_topicsMutex held.
+bool MqttClient::sendData(topicData_t &topic, const QDateTime &when)
+{
+    const QString text = lumbra::forward::templateOf(topic);
+    if (text.trimmed().isEmpty()) {
+        int held = 0;
+        if (m_templateLog.allow(&held))
+            zlog_error(g_zlog, "topic:%s has no payload template", local8(topic.topic).constData());
+        return false;
+    }
+    return sendData(topic, render(text, when));
 }
 
 bool MqttClient::sendData(const topicData_t &topic, QByteArray payload)
@@ -76,8 +123,17 @@ bool MqttClient::sendData(const topicData_t &topic, QByteArray payload)
     // not sent at all, and not kept either.
     QJsonParseError error;
     QJsonDocument::fromJson(payload, &error);
+    int held = 0;
     if (error.error != QJsonParseError::NoError) {
-        zlog_error(g_zlog, "topic:%s %s paser fail", local8(topic.topic).constData(), payload.constData());
+        if (m_templateLog.allow(&held))
+            zlog_error(g_zlog, "topic:%s %s paser fail", local8(topic.topic).constData(),
+                       lumbra::maskSecrets(payload.left(1000)).constData());
+        return false;
+    }
+    if (payload.size() > lumbra::forward::kMaxPayloadBytes) {
+        if (m_templateLog.allow(&held))
+            zlog_error(g_zlog, "topic:%s payload of %d bytes, more than %d, dropped", local8(topic.topic).constData(),
+                       payload.size(), lumbra::forward::kMaxPayloadBytes);
         return false;
     }
     return publish(topic.topic, payload, timeText(QDateTime::currentDateTime()));
@@ -89,11 +145,9 @@ void MqttClient::sendAlarm(int index, int type, const QString &value, const QDat
     for (topicData_t &t : m_pubTopics) {
         if (funcOf(t) != Func::AlarmSend || !lumbra::forward::topicWantsAlarm(t, index))
             continue;
-        QString text = lumbra::forward::alarmPayload(t, index, type, value);
-        fillValues(text, lumbra::forward::topicCodes(t));
-        lumbra::forward::fillPlaceholder(text, "sn", deviceInfo::getInstance()->sn());
-        MqttCliManager::replaceSysVar(text, when);
-        sendData(t, text.toUtf8());
+        sendData(t, render(lumbra::forward::alarmTemplate(t), when, [&](const QString &name, Fill *out) {
+                     return lumbra::forward::alarmVariable(name, index, type, value, out);
+                 }));
     }
 }
 
@@ -103,12 +157,8 @@ void MqttClient::publishOnline()
     for (const topicData_t &t : qAsConst(m_pubTopics)) {
         if (funcOf(t) != Func::OnlineMessage)
             continue;
-        QString text = lumbra::forward::templateOf(t);
-        if (text.trimmed().isEmpty())
-            text = kDefaultOnline;
-        lumbra::forward::fillPlaceholder(text, "sn", deviceInfo::getInstance()->sn());
-        MqttCliManager::replaceSysVar(text, QDateTime::currentDateTime());
-        sendData(t, text.toUtf8());
+        const QString text = lumbra::forward::templateOf(t);
+        sendData(t, render(text.trimmed().isEmpty() ? kDefaultOnline : text, QDateTime::currentDateTime()));
     }
 }
 
@@ -129,9 +179,12 @@ bool MqttClient::due(const topicData_t &topic, qint64 second) const
 void MqttClient::publishDue(const QDateTime &now)
 {
     const qint64 second = now.toSecsSinceEpoch();
+    // Until the real-time service has read the points once there is nothing
+    // to tell about them.
+    const bool valuesRead = RealData::getInstance()->passes() > 0;
     QMutexLocker lock(&m_topicsMutex);
     for (topicData_t &t : m_pubTopics) {
-        if (funcOf(t) != Func::RtdSend)
+        if (funcOf(t) != Func::RtdSend || (!valuesRead && !lumbra::forward::topicCodes(t).isEmpty()))
             continue;
         // The trigger is checked every second, so that it sees each change.
         const bool fired = t.triggerEnabled && checkTri(t);
@@ -145,106 +198,154 @@ void MqttClient::publishDue(const QDateTime &now)
 bool MqttClient::publish(const QString &topic, const QByteArray &payload, const QString &time)
 {
     QMutexLocker lock(&m_sendMutex);
-    if (!m_connected || !m_mosq) {
-        cacheMessage(topic, payload, time);
+    if (!m_cache)
+        return publishUncached(topic, payload);
+    // Behind older cached messages a new one waits its turn, so that the
+    // broker sees them all in order.
+    if (!m_connected || m_cache->rows() > 0 || m_inflight.size() >= kMaxInflight) {
+        cache(topic, payload, time);
         return false;
     }
-    const int rc = publishNow(topic, payload, time);
+    int mid = 0;
+    const int rc = m_link->publish(topic.toUtf8(), payload, 1, &mid);
+    if (rc == MOSQ_ERR_SUCCESS) {
+        m_inflight.push_back(Pending{mid, 0, topic, payload, time});
+        return true;
+    }
+    if (!connectionError(rc)) {
+        dropped(topic, publishFailure(rc));
+        return false;
+    }
+    takeBackInflight();
+    cache(topic, payload, time);
+    return false;
+}
+
+// Called with m_sendMutex held. QoS 0, as a server without a cache asks for:
+// what cannot go now is gone.
+bool MqttClient::publishUncached(const QString &topic, const QByteArray &payload)
+{
+    const int rc = m_connected ? m_link->publish(topic.toUtf8(), payload, 0, nullptr) : MOSQ_ERR_NO_CONN;
     if (rc == MOSQ_ERR_SUCCESS)
         return true;
-    zlog_error(g_zlog, "topic:%s publish fail:%s", local8(topic).constData(), mosquitto_strerror(rc));
-    // Older messages first, so that the cache keeps their order.
-    cacheInflight();
-    cacheMessage(topic, payload, time);
+    dropped(topic, connectionError(rc) ? "not connected and no offline cache" : publishFailure(rc));
     return false;
 }
 
 // Called with m_sendMutex held.
-int MqttClient::publishNow(const QString &topic, const QByteArray &payload, const QString &time)
+void MqttClient::dropped(const QString &topic, const QString &why)
 {
-    int mid = 0;
-    const int rc = mosquitto_publish(m_mosq.get(), &mid, topic.toUtf8().constData(),
-                                     static_cast<int>(qstrlen(payload.constData())), payload.constData(), 0, false);
-    if (rc != MOSQ_ERR_SUCCESS)
-        return rc;
-    if (m_inflight.size() >= kMaxInflight)
-        m_inflight.pop_front();
-    m_inflight.push_back(Pending{mid, topic, payload, time});
-    return rc;
+    int held = 0;
+    if (m_dropLogs[topic].allow(&held))
+        zlog_error(g_zlog, "clientID:%s topic:%s message dropped: %s%s", local8(m_settings.clientId).constData(),
+                   local8(topic.left(200)).constData(), local8(why).constData(),
+                   held ? local8(QString(" (and %1 more since the last report)").arg(held)).constData() : "");
 }
 
-void MqttClient::onPublish(int mid)
+// Called with m_sendMutex held.
+void MqttClient::cache(const QString &topic, const QByteArray &payload, const QString &time)
+{
+    m_cache->append({lumbra::forward::ForwardCache::Row{0, topic, payload, time}});
+    m_dbDataNum = m_cache->rows();
+}
+
+// Called with m_sendMutex held. New messages the lost connection did not get
+// acknowledged go to the cache ahead of what is there, which is all younger;
+// cached ones never left it.
+void MqttClient::takeBackInflight()
+{
+    QList<lumbra::forward::ForwardCache::Row> back;
+    for (const Pending &p : m_inflight)
+        if (p.rowid == 0)
+            back.append({0, p.topic, p.payload, p.time});
+    m_inflight.clear();
+    m_drainAfter = kBeforeAllRows;
+    if (!m_cache || back.isEmpty())
+        return;
+    flushAcked();
+    m_cache->prepend(back);
+    m_dbDataNum = m_cache->rows();
+}
+
+void MqttClient::published(int mid, int reason)
 {
     QMutexLocker lock(&m_sendMutex);
     for (auto it = m_inflight.begin(); it != m_inflight.end(); ++it) {
-        if (it->mid == mid) {
-            m_inflight.erase(it);
-            return;
+        if (it->mid != mid)
+            continue;
+        // An MQTT 5 broker may refuse one message (its ACL, a topic or
+        // payload it does not take): sending it again would end the same.
+        if (reason >= 0x80)
+            dropped(it->topic, QString("refused by the broker: %1 (0x%2)")
+                                   .arg(mosquitto_reason_string(reason))
+                                   .arg(reason, 2, 16, QChar('0')));
+        if (it->rowid)
+            m_acked.append(it->rowid);
+        m_inflight.erase(it);
+        return;
+    }
+}
+
+bool MqttClient::settled()
+{
+    QMutexLocker lock(&m_sendMutex);
+    return m_inflight.empty();
+}
+
+void MqttClient::serviceCache()
+{
+    QMutexLocker lock(&m_sendMutex);
+    if (!m_cache)
+        return;
+    flushAcked();
+    if (m_connected && m_cache->rows() > 0)
+        drainCache();
+}
+
+// Called with m_sendMutex held.
+void MqttClient::flushAcked()
+{
+    if (!m_cache)
+        return;
+    if (!m_acked.isEmpty()) {
+        m_cache->remove(m_acked);
+        m_acked.clear();
+    }
+    m_cache->compactIfEmptied();
+    m_dbDataNum = m_cache->rows();
+}
+
+// Called with m_sendMutex held. The oldest rows not yet handed over, as many
+// as the window has room for.
+void MqttClient::drainCache()
+{
+    const int room = kDrainWindow - int(m_inflight.size());
+    QList<qint64> dead;
+    for (const auto &row : m_cache->after(m_drainAfter, room)) {
+        int mid = 0;
+        const int rc = m_link->publish(row.topic.toUtf8(), row.payload, 1, &mid);
+        if (connectionError(rc))
+            break;
+        m_drainAfter = row.rowid;
+        if (rc == MOSQ_ERR_SUCCESS) {
+            m_inflight.push_back(Pending{mid, row.rowid, row.topic, QByteArray(), row.time});
+            continue;
         }
+        // A row no broker takes would block all behind it for ever.
+        dropped(row.topic, "cached message cannot be sent: " + publishFailure(rc));
+        dead.append(row.rowid);
     }
-}
-
-// Called with m_sendMutex held.
-void MqttClient::cacheInflight()
-{
-    std::deque<Pending> lost;
-    lost.swap(m_inflight);
-    for (const Pending &p : lost)
-        cacheMessage(p.topic, p.payload, p.time);
-}
-
-// Called with m_sendMutex held.
-void MqttClient::cacheMessage(const QString &topic, const QByteArray &payload, const QString &time)
-{
-    if (!m_db) {
-        zlog_info(g_zlog, "topic:%s not connected, message dropped (no offline cache)", local8(topic).constData());
-        return;
-    }
-    trimCache();
-    const QString sql = QString("INSERT INTO %1 VALUES('%2','%3','%4')")
-                            .arg(kCacheTable, sqlQuote(topic), sqlQuote(QString::fromUtf8(payload)), sqlQuote(time));
-    if (m_db->insert(sql.toStdString()))
-        ++m_dbDataNum;
-}
-
-// The oldest tenth goes when the cache is full: one compaction per tenth
-// rather than one per message.
-void MqttClient::trimCache()
-{
-    const unsigned limit = m_settings.cacheNum > 0 ? unsigned(m_settings.cacheNum) : kDefaultCacheRows;
-    if (m_dbDataNum < limit)
-        return;
-    const int count = static_cast<int>(qMax(1u, limit / 10));
-    delCachedb(count);
-    zlog_info(g_zlog, "del db count:%d m_dbDataNum:%d", count, static_cast<int>(m_dbDataNum));
+    if (!dead.isEmpty())
+        m_cache->remove(dead);
+    m_dbDataNum = m_cache->rows();
 }
 
 bool MqttClient::delCachedb(const int &n)
 {
-    if (!m_db)
-        return false;
-    const bool ok = m_db->del(
-        QString("delete from %1 where rowid in (select rowid from %1 limit %2)").arg(kCacheTable).arg(n).toStdString());
-    if (ok)
-        m_db->VACUUM();
-    m_dbDataNum = m_db->dataNum(kCacheTable);
-    return ok;
-}
-
-bool MqttClient::drainOne()
-{
     QMutexLocker lock(&m_sendMutex);
-    if (!m_db || !m_connected || !m_mosq)
+    if (!m_cache)
         return false;
-    const std::string sql = "select * from mqttForward limit 1";
-    QStringList row;
-    if (!m_db->select(sql, row) || row.size() < 3) {
-        zlog_info(g_zlog, "sql:%s data isEmpty", sql.c_str());
-        m_dbDataNum = m_db->dataNum(kCacheTable);
-        return false;
-    }
-    // A failed publish keeps the row for the next pass.
-    if (publishNow(row.at(0), row.at(1).toUtf8(), row.at(2)) != MOSQ_ERR_SUCCESS)
-        return false;
-    return delCachedb(1);
+    const bool ok = m_cache->removeOldestAndCompact(n);
+    m_dbDataNum = m_cache->rows();
+    return ok;
 }

@@ -85,27 +85,6 @@ int unitSeconds(int unit)
     return unit >= 0 && unit < 4 ? seconds[unit] : 0;
 }
 
-MqttClient::Settings settingsFromJson(const QJsonObject &s)
-{
-    MqttClient::Settings out;
-    out.configId = jsonInt(s.value("server_config_id"));
-    out.clientId = jsonText(s.value("client_id"));
-    out.host = jsonText(s.value("host"));
-    out.port = jsonInt(s.value("port"), 1883);
-    out.keepAlive = jsonInt(s.value("keep_alive"), 60);
-    if (out.keepAlive < 5)
-        out.keepAlive = 60;
-    out.mqttVersion = jsonInt(s.value("mqtt_version"), 4);
-    out.pushPeriod = qMax(0, jsonInt(s.value("push_period"))) * unitSeconds(jsonInt(s.value("push_unit")));
-    out.useAuthentication = jsonBool(s.value("use_authentication"));
-    out.userName = jsonText(s.value("user_name"));
-    out.password = jsonText(s.value("pass_word"));
-    out.useOfflineCache = jsonBool(s.value("use_offline_cache"));
-    out.storeType = jsonInt(s.value("store_type"), 2);
-    out.cacheNum = jsonInt(s.value("cache_num"));
-    return out;
-}
-
 MqttClient::topicData_t topicFromJson(const QJsonObject &item)
 {
     MqttClient::topicData_t t;
@@ -186,13 +165,6 @@ int intervalSeconds(const MqttClient::topicData_t &topic, int pushPeriod)
     }
 }
 
-void fillPlaceholder(QString &text, const QString &name, const QString &value)
-{
-    QString escaped = value;
-    escaped.replace('\\', "\\\\").replace('"', "\\\"");
-    text.replace('%' + name + '%', escaped);
-}
-
 bool triggerFires(MqttClient::topicData_t &topic, const QString &value)
 {
     if (topic.conditionCode == COND_CHANGE) {
@@ -206,21 +178,6 @@ bool triggerFires(MqttClient::topicData_t &topic, const QString &value)
     const bool rising = holds && !topic.triggerHeld;
     topic.triggerHeld = holds;
     return rising;
-}
-
-QString alarmPayload(const MqttClient::topicData_t &topic, int index, int type, const QString &value)
-{
-    const QString onOff = type == 1 ? "ON" : "OFF";
-    QString text = templateOf(topic);
-    if (text.trimmed().isEmpty()) {
-        text = "{\"alarm\":%alarm_index%,\"system\":\"%sn%\",\"alarm_type\":\"%alarm_type%\","
-               "\"value\":\"%alarm_value%\",\"timestamp\":%timestamp%,\"timestamp_long_ms\":%timestamp_long_ms%,"
-               "\"datetime\":\"%datetime%\"}";
-    }
-    fillPlaceholder(text, "alarm_index", QString::number(index));
-    fillPlaceholder(text, "alarm_type", onOff);
-    fillPlaceholder(text, "alarm_value", value);
-    return text;
 }
 
 bool topicWantsAlarm(const MqttClient::topicData_t &topic, int index)

@@ -1,6 +1,6 @@
-// The forwarding configuration's records as the clients use them: server
-// settings, topic records, publishing intervals, triggers and payload
-// templates. No I/O here.
+// The forwarding configuration's topic records as the clients use them:
+// functions, publishing intervals, triggers and payload templates. No I/O
+// here.
 #pragma once
 
 #include "MqttClient.h"
@@ -8,8 +8,6 @@
 #include <QJsonObject>
 #include <QList>
 #include <QString>
-
-#include <functional>
 
 namespace lumbra::forward {
 
@@ -23,7 +21,6 @@ bool isSubscribeFunc(Func f);
 // Seconds of a unit code: 0 seconds, 1 minutes, 2 hours, 3 days; 0 for others.
 int unitSeconds(int unit);
 
-MqttClient::Settings settingsFromJson(const QJsonObject &server);
 MqttClient::topicData_t topicFromJson(const QJsonObject &item);
 QJsonObject topicToJson(const MqttClient::topicData_t &topic);
 
@@ -39,20 +36,10 @@ QList<int> topicCodes(const MqttClient::topicData_t &topic);
 // "send_interval_code". 0: never by time.
 int intervalSeconds(const MqttClient::topicData_t &topic, int pushPeriod);
 
-// Replaces "%<name>%" by value, with '"' and '\' escaped so that a text
-// value inside a JSON string stays a string.
-void fillPlaceholder(QString &text, const QString &name, const QString &value);
-
 // Whether the trigger fires for the trigger point's current value: on each
 // change for condition 0, otherwise when the condition starts to hold.
 // Keeps its memory in the topic.
 bool triggerFires(MqttClient::topicData_t &topic, const QString &value);
-
-// The payload of an alarm event on topic at when: the template filled with
-// "%alarm_index%", "%alarm_value%" and "%alarm_type%" ("ON" or "OFF"), or
-// the default object when the topic has no template. "%sn%" and the system
-// variables are left for the caller.
-QString alarmPayload(const MqttClient::topicData_t &topic, int index, int type, const QString &value);
 
 // True when "config_ids" lists index, or lists nothing.
 bool topicWantsAlarm(const MqttClient::topicData_t &topic, int index);

@@ -41,27 +41,6 @@ void appendItem(QByteArray &out, bool first, int code, const QString &value)
     out.append('}');
 }
 
-// The same for a text of digits, signs and points, which needs no escapes:
-// written in one piece, since ten thousand of them go out every second.
-void appendPlainItem(QByteArray &out, bool first, int code, const char *text, int size)
-{
-    char item[RealData::kMaxAsciiText + 40];
-    char *w = item;
-    const char kCode[] = ",{\"code\":";
-    const char kData[] = ",\"data\":\"";
-    const int skip = first ? 1 : 0;
-    std::memcpy(w, kCode + skip, sizeof kCode - 1 - skip);
-    w += sizeof kCode - 1 - skip;
-    w = std::to_chars(w, w + 12, code).ptr;
-    std::memcpy(w, kData, sizeof kData - 1);
-    w += sizeof kData - 1;
-    std::memcpy(w, text, static_cast<size_t>(size));
-    w += size;
-    *w++ = '"';
-    *w++ = '}';
-    out.append(item, static_cast<int>(w - item));
-}
-
 // Room for a point's raw value: the widest fixed type at least.
 int valueBytes(const RealData::DataCfg_t &cfg)
 {
@@ -198,8 +177,13 @@ void RealData::run()
             m_seenUps = ups;
             m_refreshData = true;
         }
-        if (every > 0 && (tick - 1) % every != 0)
+        // Read every second all the same: forwarding topics publish values
+        // of their own period, and must not repeat a stale one.
+        if (every > 0 && (tick - 1) % every != 0) {
+            QMutexLocker lock(&m_mutex);
+            readPoints();
             continue;
+        }
         // exchange(): a status notification during the pass asks for the next one.
         if (m_refreshData.exchange(false))
             uploadData(false);
@@ -234,28 +218,38 @@ void RealData::readBatch(DataCfg_t *const *points, int n, std::vector<uchar> &sc
     communication::getInstance()->getCommValues(points[0]->addr.link, reads.data(), n);
 }
 
-// One point after its read: false when it adds nothing to the upload.
-bool RealData::appendPoint(QByteArray &out, bool first, DataCfg_t &cfg, const communication::ValueRead &read,
-                           bool changedOnly)
+void RealData::takeRead(DataCfg_t &cfg, const communication::ValueRead &read)
 {
-    const bool wasGood = cfg.good;
     cfg.good = read.rc == 1;
     if (!cfg.good)
-        return false;
+        return;
     char ascii[kMaxAsciiText];
     const int n = asciiText(cfg, read.data, read.dataSize, ascii);
-    if (n >= 0) {
-        if (!assignAscii(cfg.value, ascii, n) && changedOnly && wasGood)
-            return false;
-        appendPlainItem(out, first, cfg.code, ascii, n);
-        return true;
+    if (n >= 0)
+        assignAscii(cfg.value, ascii, n);
+    else
+        cfg.value = formatValue(cfg, read.data, read.dataSize, cfg.value);
+}
+
+// Called with m_mutex held.
+void RealData::readPoints()
+{
+    const int kBatch = 256;
+    std::vector<uchar> scratch;
+    std::vector<communication::ValueRead> reads;
+    std::vector<DataCfg_t *> run;
+    run.reserve(kBatch);
+    for (auto it = m_points.begin(); it != m_points.end();) {
+        run.clear();
+        const QString &link = it->addr.link;
+        const auto sameLink = [&link](const QString &l) { return l.constData() == link.constData() || l == link; };
+        for (; it != m_points.end() && int(run.size()) < kBatch && sameLink(it->addr.link); ++it)
+            run.push_back(&*it);
+        readBatch(run.data(), static_cast<int>(run.size()), scratch, reads);
+        for (size_t i = 0; i < run.size(); ++i)
+            takeRead(*run[i], reads[i]);
     }
-    QString text = formatValue(cfg, read.data, read.dataSize, cfg.value);
-    if (changedOnly && wasGood && text == cfg.value)
-        return false;
-    cfg.value.swap(text);
-    appendItem(out, first, cfg.code, cfg.value);
-    return true;
+    ++m_passes;
 }
 
 // Written by hand rather than through a JSON document: with thousands of
@@ -265,28 +259,22 @@ bool RealData::appendPoint(QByteArray &out, bool first, DataCfg_t &cfg, const co
 // point again as soon as it reads.
 QByteArray RealData::rtdMessage(bool changedOnly)
 {
-    const int kBatch = 256;
     QByteArray out;
     out.append("{\"sn_code\":");
     lumbra::appendJsonString(out, deviceInfo::getInstance()->sn());
     out.append(",\"data\":[");
     const int head = out.size();
-    std::vector<uchar> scratch;
-    std::vector<communication::ValueRead> reads;
-    std::vector<DataCfg_t *> run;
-    run.reserve(kBatch);
     {
         QMutexLocker lock(&m_mutex);
+        readPoints();
         out.reserve(head + m_points.size() * 32 + 2);
-        for (auto it = m_points.begin(); it != m_points.end();) {
-            run.clear();
-            const QString &link = it->addr.link;
-            const auto sameLink = [&link](const QString &l) { return l.constData() == link.constData() || l == link; };
-            for (; it != m_points.end() && int(run.size()) < kBatch && sameLink(it->addr.link); ++it)
-                run.push_back(&*it);
-            readBatch(run.data(), static_cast<int>(run.size()), scratch, reads);
-            for (size_t i = 0; i < run.size(); ++i)
-                appendPoint(out, out.size() == head, *run[i], reads[i], changedOnly);
+        for (DataCfg_t &cfg : m_points) {
+            const bool unchanged = cfg.passGood && cfg.value == cfg.passValue;
+            cfg.passGood = cfg.good;
+            cfg.passValue = cfg.value;
+            if (!cfg.good || (changedOnly && unchanged))
+                continue;
+            appendItem(out, out.size() == head, cfg.code, cfg.value);
         }
     }
     if (!m_uploadFunState || out.size() == head)
@@ -316,7 +304,7 @@ bool RealData::GetDataByCode(const int &code, QString &out)
     return true;
 }
 
-bool RealData::pointState(int code, QString *value, bool *good)
+bool RealData::pointState(int code, QString *value, bool *good, int *dataType)
 {
     QMutexLocker lock(&m_mutex);
     auto it = m_points.constFind(code);
@@ -324,6 +312,8 @@ bool RealData::pointState(int code, QString *value, bool *good)
         return false;
     *value = it->value;
     *good = it->good;
+    if (dataType)
+        *dataType = it->dataType;
     return true;
 }
 

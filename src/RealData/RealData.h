@@ -24,6 +24,10 @@ public:
         int code = 0;
         QString value;  // the last good value's text; empty before the first
         bool good = false;  // value is what the device sent on its last read
+        // As they were at the last upload pass: what "changed" compares with,
+        // now that points are read every second and uploaded less often.
+        QString passValue;
+        bool passGood = false;
         QString name;
         int dataType = 0;
         int displayType = 0;
@@ -58,9 +62,12 @@ public:
     // The point's text, only while it is good (what the device sent on its
     // last read).
     bool GetDataByCode(const int &code, QString &out);
-    // The point's last good text (empty before the first) and whether the
-    // last read confirmed it; false for an unknown code.
-    bool pointState(int code, QString *value, bool *good);
+    // The point's last good text (empty before the first), whether the
+    // last read confirmed it and its value type; false for an unknown code.
+    bool pointState(int code, QString *value, bool *good, int *dataType = nullptr);
+    // Passes that read the points since start: every second, whatever the
+    // upload interval, so that readers of the values see them current.
+    quint64 passes() const { return m_passes; }
     QMap<int, DataCfg_t> &codeDataMap() { return m_points; }
     bool DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &op);
     bool externalAddr();
@@ -100,8 +107,10 @@ private:
     void readSettings(const QJsonObject &root);
     void readBatch(DataCfg_t *const *points, int n, std::vector<uchar> &scratch,
                    std::vector<communication::ValueRead> &reads);
-    bool appendPoint(QByteArray &out, bool first, DataCfg_t &cfg, const communication::ValueRead &read,
-                     bool changedOnly);
+    // The point's text and state after its read.
+    static void takeRead(DataCfg_t &cfg, const communication::ValueRead &read);
+    // Called with m_mutex held.
+    void readPoints();
 
     QMutex m_mutex;
     std::atomic<bool> m_uploadFunState{false};
@@ -114,4 +123,5 @@ private:
     lumbra::Sleeper m_sleeper;
     std::atomic<bool> m_refreshData{false};
     quint64 m_seenUps = 0;  // the cloud's up count at the last look
+    std::atomic<quint64> m_passes{0};
 };

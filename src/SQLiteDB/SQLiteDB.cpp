@@ -68,6 +68,21 @@ bool SQLiteDB::VACUUM()
     return executeSQL("VACUUM;");
 }
 
+bool SQLiteDB::useIncrementalVacuum()
+{
+    QStringList mode;
+    if (!select("PRAGMA auto_vacuum;", mode) || mode.isEmpty())
+        return false;
+    if (mode.first() == "2")  // INCREMENTAL already
+        return true;
+    return executeSQL("PRAGMA auto_vacuum=INCREMENTAL;") && VACUUM();
+}
+
+bool SQLiteDB::compact()
+{
+    return executeSQL("PRAGMA incremental_vacuum;");
+}
+
 bool SQLiteDB::closeDb()
 {
     std::lock_guard<std::mutex> lock(m_mutex);

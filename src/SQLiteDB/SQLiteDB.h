@@ -27,6 +27,12 @@ public:
     bool del(std::string sql) { return executeSQL(std::move(sql)); }
     bool update(std::string sql) { return executeSQL(std::move(sql)); }
     bool VACUUM();
+    // A full VACUUM renumbers the rowids of tables without an INTEGER PRIMARY
+    // KEY, and delivery remembers rows by rowid. These files give freed pages
+    // back one by one instead: switch once, while nothing refers to a rowid
+    // (the switch itself takes one VACUUM), then compact at will.
+    bool useIncrementalVacuum();
+    bool compact();
     // False while SQLite still holds the connection busy; it stays usable then.
     bool closeDb();
     // Rows in table; 0 also when the count failed.

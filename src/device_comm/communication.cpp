@@ -323,8 +323,7 @@ void communication::mergeLink(const LinkThreadPtr &thread)
         stationFor(*thread, k.station, &shielded);
         if (shielded)
             continue;
-        if (k.index < 0)
-            k.index = thread->getAddrIndexFromStr(k.reg, k.addr, k.station, k.len == 1 ? 0 : 1);
+        k.index = registeredIndex(*thread, k);
         *polled++ = k;
     }
     list.erase(polled, list.end());
@@ -332,6 +331,50 @@ void communication::mergeLink(const LinkThreadPtr &thread)
     zlog_info(g_zlog, "link:%s polls %d addresses (merge:%d, %d of shielded stations left out)",
               local8(thread->getLinkName()).constData(), static_cast<int>(list.size()), rc,
               static_cast<int>(registered - list.size()));
+}
+
+int communication::registeredIndex(ULinkThread &thread, const KEY_ADDRESS &k)
+{
+    return k.index >= 0 ? k.index : thread.getAddrIndexFromStr(k.reg, k.addr, k.station, k.len == 1 ? 0 : 1);
+}
+
+QStringList communication::linksWithoutFirstPoll() const
+{
+    QList<LinkThreadPtr> threads;
+    bool enabled = false;
+    {
+        QReadLocker lock(&m_lock);
+        threads = m_threads;
+        enabled = m_externalEnabled;
+    }
+    QStringList out;
+    for (const LinkThreadPtr &t : threads)
+        if (!enabled || !firstPollDone(*t))
+            out << t->getLinkName();
+    return out;
+}
+
+bool communication::firstPollDone(ULinkThread &thread) const
+{
+    // Slaves and servers answer requests; they poll nothing.
+    const LinkValue link = thread.getLinkPro();
+    if (!thread.hasDriver() || thread.isSuspended() || link.master_or_slave == 1 || link.link_driver == "free_protocol")
+        return true;
+    QByteArray scratch;
+    for (const KEY_ADDRESS &k : m_external.forLink(thread.getLinkName())) {
+        bool shielded = false;
+        const int station = stationFor(thread, k.station, &shielded);
+        const int index = registeredIndex(thread, k);
+        if (shielded || index < 0)
+            continue;
+        scratch.resize(2 * qMax(1, k.len));
+        int quality = LUMBRA_QUALITY_NOT_READ;
+        uchar *data = reinterpret_cast<uchar *>(scratch.data());
+        if (thread.GetValue(station, k.reg, index, qMax(1, k.len), LUMBRA_KIND_RAW, data, scratch.size(), &quality) >= 0 &&
+            quality == LUMBRA_QUALITY_NOT_READ)
+            return false;
+    }
+    return true;
 }
 
 void communication::mergeAllIfEnabled()

@@ -13,6 +13,7 @@
 #include <QList>
 #include <QMutex>
 #include <QReadWriteLock>
+#include <QStringList>
 #include <QVariant>
 
 #include <memory>
@@ -43,8 +44,10 @@ public:
     // unusable. Local registers are always good. A shielded station (in
     // "station_no_comm", or shielded by spendStation) is not polled, so its
     // values read as NO_REPLY with 0, like those of a station that is down.
+    // With waitMs, a device value not read yet (an address just registered)
+    // is waited for, at most waitMs and at most the link's reply time-out.
     int getCommValue(const QString &link, const QString &reg, int addr, int station, int len, uchar *data,
-                     int dataSize = -1, int kind = LUMBRA_KIND_RAW, int *quality = nullptr);
+                     int dataSize = -1, int kind = LUMBRA_KIND_RAW, int *quality = nullptr, int waitMs = 0);
     // Many values of one link, each as getCommValue reads it, with one
     // look-up of the link and one hold of its driver for them all: a
     // service that reads thousands of values a second pays per value only
@@ -104,6 +107,11 @@ public:
     // bytes is taken for the one link whose name starts with them.
     void setExternalAddrInfo(const QList<KEY_ADDRESS> &list, int type);
     void enableExternalAddrInfo(bool enable);
+    // The links that have not finished a first poll cycle: polling is not
+    // switched on yet, or the driver has no answer, good or bad, for some
+    // address registered with the link. Links that poll nothing (no driver,
+    // suspended, slaves and servers, free-protocol) never hold anyone up.
+    QStringList linksWithoutFirstPoll() const;
 
     static void _linkValueChangedCB(int linkId, int station, QString reg, int index);
     using ValueChangedCB = void (*)(int, int, QString, int);
@@ -131,6 +139,9 @@ private:
     LinkThreadPtr valueTarget(const QString &link, int *station, bool *shielded) const;
     int shieldStation(const QString &link, int station, bool shield);
     void mergeLink(const LinkThreadPtr &thread);
+    // The driver index of a registered address, resolved now when it was not.
+    static int registeredIndex(ULinkThread &thread, const KEY_ADDRESS &k);
+    bool firstPollDone(ULinkThread &thread) const;
     void mergeAllIfEnabled();
     void mergeIfEnabled(const LinkThreadPtr &thread);
     void addShieldedStations(const LinkValue &link);

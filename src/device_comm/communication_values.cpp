@@ -37,7 +37,7 @@ QString writeKey(const QString &link, const QString &reg, int addr, int station)
 }  // namespace
 
 int communication::getCommValue(const QString &link, const QString &reg, int addr, int station, int len,
-                                uchar *data, int dataSize, int kind, int *quality)
+                                uchar *data, int dataSize, int kind, int *quality, int waitMs)
 {
     int q = LUMBRA_QUALITY_NOT_READ;
     int rc = -1;
@@ -47,7 +47,10 @@ int communication::getCommValue(const QString &link, const QString &reg, int add
         rc = m_local.get(local, addr, localCells(local, len, dataSize), data);
         q = LUMBRA_QUALITY_GOOD;
     } else if (LinkThreadPtr t = valueTarget(link, &station, &shielded); t && data && len > 0) {
-        rc = t->GetValue(station, reg, addr, len, kind, data, dataSize >= 0 ? dataSize : 2 * len, &q);
+        const int size = dataSize >= 0 ? dataSize : 2 * len;
+        rc = waitMs > 0 && !shielded
+                 ? t->AwaitValue(station, reg, addr, len, kind, data, size, &q, qMin(waitMs, t->replyTimeout()))
+                 : t->GetValue(station, reg, addr, len, kind, data, size, &q);
         // Not polled: whatever the driver still holds of it is not current.
         if (shielded)
             q = LUMBRA_QUALITY_NO_REPLY;

@@ -80,6 +80,8 @@ int main(int argc, char *argv[])
     RealData::getInstance()->init();
     HistoricalData::getInstance()->init();
     AlarmData::getInstance()->init();
+    // Loads the scripts; its run-once scripts wait on the engine's thread
+    // until polling is on and every link has polled once (bounded).
     Macro::getInstance()->init();
     MqttCliManager::getInstance()->init();
     // Last: every consumer has registered its addresses by now.

@@ -103,8 +103,9 @@ TEST(AgentSupervisor, AGatewayIgnoringSigtermIsKilledOnRestartAndOnStop)
     AgentRun agent(LUMBRA_AGENT_BINARY, freeTcpPort());
     agent.addConfig("[supervisor]\nstop_timeout_ms=300");
     // The ignored SIGTERM survives the exec, so sleep itself ignores it.
-    ASSERT_TRUE(agent.start({"/bin/sh", "-c", "trap '' TERM; exec sleep 30"}));
-    ASSERT_TRUE(agent.process().waitForOutput("gateway started", 3000));
+    // Asked to stop only once the trap is set: before it, SIGTERM would end it.
+    ASSERT_TRUE(agent.start({"/bin/sh", "-c", "trap '' TERM; echo armed$((1)); exec sleep 30"}));
+    ASSERT_TRUE(agent.process().waitForOutput("armed1", 5000));
     GatewayPeer gw(agent.url());
     ASSERT_TRUE(gw.send(R"({"topic":"restartLumbra"})"));
     ASSERT_TRUE(agent.process().waitForOutput("stopped (killed by signal 9), starting it again", 3000))
@@ -115,6 +116,7 @@ TEST(AgentSupervisor, AGatewayIgnoringSigtermIsKilledOnRestartAndOnStop)
     ASSERT_EQ(pids.size(), 2);
     EXPECT_NE(pids[0], pids[1]);
 
+    ASSERT_TRUE(agent.waitUntil([&] { return agent.count("armed1") == 2; }, 5000));
     agent.process().stop();
     EXPECT_EQ(agent.process().exitCode(), 0) << agent.output().toStdString();
     EXPECT_EQ(agent.count("sending SIGKILL"), 2);

@@ -233,6 +233,9 @@ TEST_P(HistoryUpload, ABatchCarriesItsGroupsRowsWithTheirLabels)
     ASSERT_EQ(data.size(), 2);
     EXPECT_EQ(data[0].toObject().value("data_text").toString(), "1234\nit's");
     EXPECT_EQ(data[1].toObject().value("data_time").toString(), QString::number(150 - g_zonetime));
+    // Each row names itself, so a platform can tell a resend from an equal sample.
+    EXPECT_LT(data[0].toObject().value("row_id").toDouble(-1), data[1].toObject().value("row_id").toDouble(-1));
+    EXPECT_GE(data[0].toObject().value("row_id").toDouble(-1), 1);
 
     // Whatever the platform says of the batch, it has it.
     acknowledge(6, "no");
@@ -394,4 +397,28 @@ TEST_F(HistoryDelivery, TheAcknowledgementsOfABatchSentTwiceTakeItsRowsOnly)
     EXPECT_EQ(times(next), numbers(301, 400));
     acknowledge(1);
     EXPECT_EQ(rows(), 0);
+}
+
+// Rows are remembered by rowid from the batch to its acknowledgement; the
+// store's compaction must not renumber them under a batch in flight, or the
+// acknowledgement takes another group's rows that were never sent.
+TEST_F(HistoryDelivery, CompactingTheStoreUnderABatchInFlightLosesNoRow)
+{
+    fill(2, 100, 1);    // rowids 1-100, acknowledged at once: a gap
+    fill(1, 600, 101);  // 101-700: two batches
+    fill(3, 400, 701);  // 701-1100: never acknowledged
+    std::atomic<int> batchesOfOne{0};
+    OutboxPlatform platform(20, [&](const Posted &p) {
+        const int group = p.msg.value("group_id").toInt();
+        if (group == 2 || (group == 1 && ++batchesOfOne == 1))
+            acknowledge(group);
+    });
+    start(idle(1) + "," + idle(2) + "," + idle(3));
+    ASSERT_TRUE(eventually([&] { return batchesOfOne == 2 && rows(2) == 0; }, 3000));
+    ASSERT_EQ(rows(1), 300);
+
+    his->refreshStore();
+    acknowledge(1);
+    EXPECT_EQ(rows(1), 0);
+    EXPECT_EQ(rows(3), 400);
 }

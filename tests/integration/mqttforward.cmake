@@ -2,3 +2,7 @@
 lumbra_add_test(mqtt_forward_test SOURCES mqtt_forward_test.cpp LIBS lumbra_MqttCliManager lumbra_AlarmData)
 target_compile_definitions(mqtt_forward_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
 add_dependencies(mqtt_forward_test modbus_tcp)
+# The same against brokers that start late, hang, die, refuse messages or speak only TLS.
+lumbra_add_test(mqtt_forward_field_test SOURCES mqtt_forward_field_test.cpp LIBS lumbra_MqttCliManager lumbra_AlarmData)
+target_compile_definitions(mqtt_forward_field_test PRIVATE MODBUS_TCP_DRIVER="$<TARGET_FILE:modbus_tcp>")
+add_dependencies(mqtt_forward_field_test modbus_tcp)

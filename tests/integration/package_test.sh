@@ -101,16 +101,19 @@ names() { tr ',' '\n' <<<"$1" | sed -E 's/\(.*\)//; s/ //g' | grep -v '^$'; }
 
 check_files() { # ROOT FILE_LIST SOURCE_DIR
   local p
-  for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim \
+  for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim /usr/bin/lumbra-platform \
     /usr/lib/lumbra/driver/libmodbus_rtu.so /usr/lib/lumbra/driver/libmodbus_tcp.so \
-    /etc/lumbra/agent.ini /lib/systemd/system/lumbra.service \
+    /etc/lumbra/agent.ini /lib/systemd/system/lumbra.service /lib/systemd/system/lumbra-platform.service \
+    /usr/share/lumbra/platform/www/{index.html,js/main.js,uPlot.iife.min.js,uPlot.min.css,uPlot.LICENSE} \
     /usr/share/lumbra/lumbra-prepare-workdir /usr/share/doc/lumbra/README.md; do
     if ! grep -qx "$p" <<<"$2" || [[ ! -f $1$p ]]; then fail "$p not installed"; fi
   done
-  for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim /usr/share/lumbra/lumbra-prepare-workdir; do
+  for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim /usr/bin/lumbra-platform \
+    /usr/share/lumbra/lumbra-prepare-workdir; do
     [[ -x $1$p ]] || fail "$p not executable"
   done
-  for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim /usr/lib/lumbra/driver/libmodbus_{rtu,tcp}.so; do
+  for p in /usr/bin/Lumbra /usr/bin/lumbra-agent /usr/bin/lumbra-plcsim /usr/bin/lumbra-platform \
+    /usr/lib/lumbra/driver/libmodbus_{rtu,tcp}.so; do
     [[ $(readelf -S "$1$p") == *.debug_info* ]] && fail "$p not stripped"
   done
   diff -r "$3/examples" "$1/usr/share/lumbra/examples" || fail "examples differ from the source tree"

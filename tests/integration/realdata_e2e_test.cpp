@@ -204,8 +204,11 @@ TEST_F(RealTimeUpload, ValuesTheDeviceDidNotSendAreNeverUploadedStoredOrAlarmed)
     const auto rows = [&] { return column("history_iot.db", "select data from historydata where sampleID=1"); };
     EXPECT_EQ(agent->receiveTopic("/DevSend/Alarm", 3000).msg.value("alarm_index").toInt(), 2);
     EXPECT_EQ(alarmEvents(), (QStringList{"2", "1"}));  // the real zero alarmed, the hole did not
-    ASSERT_TRUE(eventually([&] { return !rows().isEmpty(); }, 5000));
-    EXPECT_EQ(rows().first(), "510\n");
+    // A sample taken before the first poll answered holds an empty field,
+    // never a number (a slow, emulated machine gets such a row).
+    ASSERT_TRUE(eventually([&] { return rows().contains("510\n"); }, 5000)) << rows().join('|').toStdString();
+    for (const QString &row : rows())
+        EXPECT_TRUE(row == "510\n" || row == "\n") << row.toStdString();
 
     // Dead: nothing left to upload, empty fields stored, no recovery raised.
     proxy.setDeviceDead(true);

@@ -6,31 +6,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
-#include <mosquitto.h>
-
 namespace lumbra::test {
 
 namespace {
-
-void onMessage(mosquitto *, void *obj, const mosquitto_message *m)
-{
-    static_cast<AckingCloud *>(obj)->received(m->topic,
-                                              QByteArray(static_cast<const char *>(m->payload), m->payloadlen));
-}
-
-void onConnect(mosquitto *mosq, void *obj, int rc)
-{
-    if (rc != 0)
-        return;
-    // A clean session forgets subscriptions: renew them on every connect.
-    mosquitto_subscribe(mosq, nullptr, "#", 1);
-    static_cast<AckingCloud *>(obj)->setConnected(true);
-}
-
-void onDisconnect(mosquitto *, void *obj, int)
-{
-    static_cast<AckingCloud *>(obj)->setConnected(false);
-}
 
 qint64 nowMs()
 {
@@ -40,17 +18,9 @@ qint64 nowMs()
 }  // namespace
 
 AckingCloud::AckingCloud(int brokerPort, const QString &prefix, int ackDelayMs)
-    : m_prefix(prefix), m_delayMs(ackDelayMs)
+    : m_prefix(prefix), m_delayMs(ackDelayMs),
+      m_client(brokerPort, "#", [this](const QByteArray &topic, const QByteArray &payload) { received(topic, payload); })
 {
-    mosquitto_lib_init();
-    m_mosq = mosquitto_new(nullptr, true, this);
-    mosquitto_message_callback_set(m_mosq, onMessage);
-    mosquitto_connect_callback_set(m_mosq, onConnect);
-    mosquitto_disconnect_callback_set(m_mosq, onDisconnect);
-    mosquitto_reconnect_delay_set(m_mosq, 1, 1, false);
-    mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_connect_async(m_mosq, "127.0.0.1", brokerPort, 10);
-    mosquitto_loop_start(m_mosq);
     m_acker = std::thread([this] { ackLoop(); });
 }
 
@@ -62,19 +32,11 @@ AckingCloud::~AckingCloud()
     }
     m_ackReady.notify_all();
     m_acker.join();
-    mosquitto_disconnect(m_mosq);
-    mosquitto_loop_stop(m_mosq, true);
-    mosquitto_destroy(m_mosq);
 }
 
 bool AckingCloud::connected(int timeoutMs) const
 {
-    return eventually([&] { return m_connected.load(); }, timeoutMs);
-}
-
-void AckingCloud::setConnected(bool up)
-{
-    m_connected = up;
+    return m_client.connected(timeoutMs);
 }
 
 void AckingCloud::received(const QString &topic, const QByteArray &payload)
@@ -124,8 +86,7 @@ void AckingCloud::ackLoop()
         const Ack ack = m_acks.front();
         m_acks.pop_front();
         lock.unlock();
-        mosquitto_publish(m_mosq, nullptr, ack.topic.toUtf8().constData(), ack.payload.size(), ack.payload.constData(),
-                          1, false);
+        m_client.publish(ack.topic.toUtf8(), ack.payload, 1);
         lock.lock();
     }
 }

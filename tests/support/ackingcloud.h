@@ -4,6 +4,8 @@
 // does. It reconnects on its own when the broker comes back.
 #pragma once
 
+#include "mqttclient.h"
+
 #include <QByteArray>
 #include <QJsonObject>
 #include <QList>
@@ -16,8 +18,6 @@
 #include <deque>
 #include <mutex>
 #include <thread>
-
-struct mosquitto;
 
 namespace lumbra::test {
 
@@ -41,7 +41,6 @@ public:
     int realTimeCount() const;
 
     void received(const QString &topic, const QByteArray &payload);
-    void setConnected(bool up);
 
 private:
     struct Ack {
@@ -54,17 +53,16 @@ private:
 
     QString m_prefix;
     std::atomic<int> m_delayMs;
-    mosquitto *m_mosq = nullptr;
     mutable QMutex m_mutex;
     QList<QJsonObject> m_alarms;
     QStringList m_rows;
     int m_realTime = 0;
-    std::atomic<bool> m_connected{false};
     std::mutex m_ackMutex;
     std::condition_variable m_ackReady;
     std::deque<Ack> m_acks;
     bool m_stop = false;
     std::thread m_acker;
+    MqttClient m_client;  // last: its callback uses everything above
 };
 
 }  // namespace lumbra::test

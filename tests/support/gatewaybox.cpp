@@ -33,6 +33,11 @@ void GatewayBox::removeConfig(const QString &name)
     QFile::remove(m_work.path() + "/iotRunTime/" + name);
 }
 
+void GatewayBox::writeBox(const QString &absolutePath, const QByteArray &text)
+{
+    writeFile(m_root.path() + absolutePath, text);
+}
+
 bool GatewayBox::start()
 {
     m_gateway = std::make_unique<ChildProcess>();

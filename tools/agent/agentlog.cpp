@@ -13,6 +13,7 @@ namespace agent {
 namespace {
 
 std::atomic<bool> g_verbose{false};
+std::atomic<const char *> g_name{"agent"};
 
 const char *levelName(Level level)
 {
@@ -28,6 +29,7 @@ const char *levelName(Level level)
 }  // namespace
 
 void setVerbose(bool on) { g_verbose = on; }
+void setLogName(const char *name) { g_name = name; }
 bool verbose() { return g_verbose; }
 
 void logLine(Level level, const char *format, ...)
@@ -38,7 +40,8 @@ void logLine(Level level, const char *format, ...)
     localtime_r(&now.tv_sec, &local);
     char line[2048];
     size_t n = strftime(line, sizeof line, "%Y-%m-%d %H:%M:%S", &local);
-    n += snprintf(line + n, sizeof line - n, ".%03ld %s agent: ", now.tv_nsec / 1000000, levelName(level));
+    n += snprintf(line + n, sizeof line - n, ".%03ld %s %s: ", now.tv_nsec / 1000000, levelName(level),
+                  g_name.load());
     va_list args;
     va_start(args, format);
     int body = vsnprintf(line + n, sizeof line - n, format, args);

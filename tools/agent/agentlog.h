@@ -10,6 +10,9 @@ enum class Level { Debug, Info, Warn, Error };
 
 void setVerbose(bool on);
 bool verbose();
+// The word after the level on every line ("agent" unless set); other
+// programs that share these parts name themselves.
+void setLogName(const char *name);
 
 void logLine(Level level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 

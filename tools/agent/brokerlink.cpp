@@ -252,11 +252,14 @@ void BrokerLink::onConnect(int rc)
     }
     m_connected = true;
     AGENT_INFO("broker %s connected%s", m_name.constData(), m_settings.tls() ? " (TLS)" : "");
-    if (mosquitto_subscribe(m_mosq.get(), nullptr, m_subscription.constData(), 1) != MOSQ_ERR_SUCCESS)
+    const bool subscribing = mosquitto_subscribe(m_mosq.get(), nullptr, m_subscription.constData(), 1) == MOSQ_ERR_SUCCESS;
+    if (!subscribing)
         AGENT_ERROR("broker %s: cannot subscribe to %s", m_name.constData(), m_subscription.constData());
     flushQueue();
     lock.unlock();
-    if (m_handlers.state)
+    // Up is said once the subscription stands (onSubscribe): a command the
+    // platform sends on hearing it must not fall between CONNACK and SUBACK.
+    if (!subscribing && m_handlers.state)
         m_handlers.state(true);
 }
 
@@ -274,6 +277,9 @@ void BrokerLink::onSubscribe(int grantedQos)
     if (grantedQos == 0x80)
         AGENT_ERROR("broker %s refused the subscription to %s; no cloud commands will arrive", m_name.constData(),
                     m_subscription.constData());
+    // Uploads still go when the filter was refused: the link is up.
+    if (m_handlers.state)
+        m_handlers.state(true);
 }
 
 int BrokerLink::publishNow(const Pending &p)

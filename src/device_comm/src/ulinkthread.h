@@ -15,8 +15,9 @@
 #include <QWaitCondition>
 
 #include <atomic>
-#include <vector>
+#include <functional>
 #include <memory>
+#include <vector>
 
 class ULinkPort;
 
@@ -61,6 +62,10 @@ public:
     // unanswered or not sent in time (it is then cancelled), *why says which.
     int WriteValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data, int len,
                    int waitMs, QString *why);
+    // GetValue, but a value the driver has not read yet (a newly polled
+    // address) is waited for, exchange by exchange, at most waitMs.
+    int AwaitValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len,
+                   int *quality, int waitMs);
     // The reply time-out: "timeout1", 1000 ms when unset.
     int replyTimeout() const { return m_replyTimeout; }
     int AddressMerge(std::vector<KEY_ADDRESS> &list);
@@ -116,6 +121,7 @@ private:
     int dealFrame(const QByteArray &frame, QString &text);
     void exchangeDone();
     int awaitWrite(int ticket, int waitMs, QString *text);
+    void awaitExchanges(int waitMs, const std::function<bool()> &settled);
     int initMPI();
     void dealMPI();
     int sendFrame();
@@ -154,8 +160,8 @@ private:
     qint64 m_last104Rx = 0;
     Iec104Splitter m_apdus;
     int m_104Client = -1;
-    // Writers wait here for the exchanges that may answer their writes.
+    // Writers and readers wait here for the exchanges that may answer them.
     QMutex m_exchangeMutex;
     QWaitCondition m_exchanged;
-    std::atomic<int> m_writeWaiters{0};
+    std::atomic<int> m_exchangeWaiters{0};
 };

@@ -78,28 +78,48 @@ int ULinkThread::WriteValue(int station, const QString &reg, int addr, int count
 // longer pending or waitMs have passed.
 int ULinkThread::awaitWrite(int ticket, int waitMs, QString *text)
 {
+    int state = LUMBRA_WRITE_PENDING;
+    awaitExchanges(waitMs, [&] {
+        state = m_driver->WriteState(ticket, text);
+        return state != LUMBRA_WRITE_PENDING;
+    });
+    return state;
+}
+
+int ULinkThread::AwaitValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len,
+                            int *quality, int waitMs)
+{
+    int rc = -1;
+    awaitExchanges(waitMs, [&] {
+        rc = GetValue(station, reg, addr, count, kind, data, len, quality);
+        return rc < 0 || *quality != LUMBRA_QUALITY_NOT_READ;
+    });
+    return rc;
+}
+
+// Asks settled() after each exchange of the link thread until it holds or
+// waitMs have passed.
+void ULinkThread::awaitExchanges(int waitMs, const std::function<bool()> &settled)
+{
     QElapsedTimer clock;
     clock.start();
-    ++m_writeWaiters;
+    ++m_exchangeWaiters;
     QMutexLocker lock(&m_exchangeMutex);
-    int state = LUMBRA_WRITE_PENDING;
     for (;;) {
-        state = m_driver->WriteState(ticket, text);
         const qint64 left = waitMs - clock.elapsed();
-        if (state != LUMBRA_WRITE_PENDING || left <= 0 || m_stopRequested)
+        if (settled() || left <= 0 || m_stopRequested)
             break;
         m_exchanged.wait(&m_exchangeMutex, static_cast<unsigned long>(left));
     }
     lock.unlock();
-    --m_writeWaiters;
-    return state;
+    --m_exchangeWaiters;
 }
 
 // Called by the link thread after every exchange; costs nothing while no
-// one waits for a write.
+// one waits for a write or a value.
 void ULinkThread::exchangeDone()
 {
-    if (m_writeWaiters.load() == 0)
+    if (m_exchangeWaiters.load() == 0)
         return;
     QMutexLocker lock(&m_exchangeMutex);
     m_exchanged.wakeAll();

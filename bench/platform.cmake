@@ -1,0 +1,7 @@
+if(TARGET lumbra-platform)
+  add_executable(bench_platform EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/platform_bench.cpp)
+  target_link_libraries(bench_platform PRIVATE lumbra_testsupport)
+  target_compile_definitions(bench_platform PRIVATE LUMBRA_PLATFORM_BINARY="$<TARGET_FILE:lumbra-platform>")
+  add_dependencies(bench_platform lumbra-platform)
+  add_dependencies(lumbra_benchmarks bench_platform)
+endif()
