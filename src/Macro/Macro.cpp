@@ -194,6 +194,12 @@ bool Macro::startRequested() const
 // allows, and never block start-up itself (this is the engine's thread).
 void Macro::runOnceWhenLinksPolled()
 {
+    // Nothing to run once: nothing to wait for. Asking every link whether it
+    // has polled looks at every registered address, ten thousand on a big box.
+    if (scripts()->runOnce.isEmpty()) {
+        m_runOnceDone = true;
+        return;
+    }
     const int limitMs = settings().startWaitMs;
     QElapsedTimer waited;
     waited.start();
