@@ -41,6 +41,17 @@ void appendItem(QByteArray &out, bool first, int code, const QString &value)
     out.append('}');
 }
 
+// dst = src in dst's own buffer. Sharing one buffer would make the next
+// in-place write of the point's value copy it: an allocation per point and
+// second, which fragments the heap of a box with tens of thousands of points.
+void copyInPlace(QString &dst, const QString &src)
+{
+    if (dst.size() == src.size() && dst == src)
+        return;
+    dst.resize(src.size());
+    std::memcpy(static_cast<void *>(dst.data()), src.constData(), static_cast<size_t>(src.size()) * sizeof(QChar));
+}
+
 // Room for a point's raw value: the widest fixed type at least.
 int valueBytes(const RealData::DataCfg_t &cfg)
 {
@@ -271,7 +282,7 @@ QByteArray RealData::rtdMessage(bool changedOnly)
         for (DataCfg_t &cfg : m_points) {
             const bool unchanged = cfg.passGood && cfg.value == cfg.passValue;
             cfg.passGood = cfg.good;
-            cfg.passValue = cfg.value;
+            copyInPlace(cfg.passValue, cfg.value);
             if (!cfg.good || (changedOnly && unchanged))
                 continue;
             appendItem(out, out.size() == head, cfg.code, cfg.value);
