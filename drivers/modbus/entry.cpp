@@ -51,6 +51,11 @@ LUMBRA_EXPORT int intf_addrMerge(KEY_ADDRESS *list, int count)
     return guarded(-1, [&] { return g_master.merge(list, count); });
 }
 
+LUMBRA_EXPORT int intf_addConditionRead(const KEY_ADDRESS *list, int count)
+{
+    return guarded(-1, [&] { return g_master.addConditionRead(list, count); });
+}
+
 LUMBRA_EXPORT int intf_getSendFrame(FRAME_PRO *frame)
 {
     return guarded(0, [&] { return g_master.nextFrame(frame); });

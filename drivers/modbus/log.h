@@ -29,6 +29,7 @@ enum class Fault : uint8_t {
     Setup,
     WriteFailed,
     Split,
+    Flooded,
 };
 
 // One key per fault kind, and per block (and detail, such as an exception

@@ -153,6 +153,29 @@ int Master::setValue(int st, const char *reg, int index, int count, int kind, co
     return 1;
 }
 
+// Entries are taken by index where the gateway has one: that is the value
+// its waiting reader asks for.
+int Master::addConditionRead(const KEY_ADDRESS *list, int count)
+{
+    if (count < 0 || (count > 0 && !list))
+        return -1;
+    int queued = 0;
+    for (int i = 0; i < count; ++i) {
+        Entry e;
+        if (!keyEntry(list[i], m_link.plcId, m_framing == Framing::Tcp, m_link.format, true, &e))
+            continue;
+        const Span s{e.station, e.target.area, e.firstCell(), e.cellCount()};
+        if (m_conditionReads.add(s) != ConditionReads::Added::Full) {
+            ++queued;
+            continue;
+        }
+        m_log.limited(faultKey(Fault::Flooded), LUMBRA_LOG_WARN,
+                      "condition read of station %d %s %d dropped: %d wait already", s.station, areaName(s.area),
+                      m_link.format.number(s.start), static_cast<int>(ConditionReads::kMaxQueued));
+    }
+    return queued;
+}
+
 // A write not sent yet is dropped; one in flight runs its course but is
 // never tried again.
 void Master::cancelWrite(int ticket)
@@ -224,6 +247,11 @@ bool Master::startNext()
     if (m_parked.active) {
         m_ex = m_parked;
         m_parked = Exchange();
+        return true;
+    }
+    if (m_conditionReads.next(m_settings, m_barriers, &m_readBlock, &m_readSpans)) {
+        startRead(m_readBlock, -1);
+        m_ex.conditionRead = true;
         return true;
     }
     const Block *b = m_poller.next();

@@ -6,6 +6,7 @@
 #include "adu.h"
 #include "cache.h"
 #include "codec.h"
+#include "condreads.h"
 #include "linksetup.h"
 #include "log.h"
 #include "pdu.h"
@@ -36,6 +37,7 @@ public:
                  int *quality) const;
     int setValue(int station, const char *reg, int index, int count, int kind, const uint8_t *data, int len,
                  int *ticket);
+    int addConditionRead(const KEY_ADDRESS *list, int count);
     int writeState(int ticket, char *text, int size) const { return m_writes.state(ticket, text, size); }
     void cancelWrite(int ticket);
     void setCallback(lumbra_value_changed_cb cb) { m_callback = cb; }
@@ -53,7 +55,8 @@ private:
         Area area = Area::HoldingRegisters;
         int start = 0;
         int count = 0;
-        int block = -1;      // index in the poll set of generation `plan`
+        int block = -1;      // index in the poll set of generation `plan`; -1 for a condition read
+        bool conditionRead = false;
         unsigned plan = 0;
         Pdu pdu;
         uint16_t transaction = 0;
@@ -87,6 +90,8 @@ private:
     void stationDown(int station);
     void onException(int code);
     void splitRefused(const Exchange &ex);
+    bool splitConditionRead();
+    bool cutAt(int station, Area area, int start, int count, const std::vector<int> &cuts);
     void takeReply(const uint8_t *pdu);
     void applyWrite(const WriteOp &op);
     void notify(int station, Area area, int start, int count, const Block *block);
@@ -108,6 +113,10 @@ private:
     Writes m_writes;
     Exchange m_ex;
     Exchange m_parked;  // a read put back so that a write goes first
+    ConditionReads m_conditionReads;
+    Block m_readBlock;              // the condition read in flight (or parked)
+    std::vector<Span> m_readSpans;  // what was asked for of it
+    std::vector<Span> m_dropped;
     uint16_t m_transaction = 0;
     lumbra_value_changed_cb m_callback = nullptr;
     std::atomic<bool> m_disconnected{false};

@@ -105,6 +105,9 @@ int Master::fail(const char *reason)
     if (m_ex.step == Step::Read) {
         if (++m_ex.failures <= m_link.retries)
             return LUMBRA_RESULT_INCOMPLETE;
+        // Its cells need not lie in any poll block that stationDown marks.
+        if (m_ex.conditionRead)
+            m_cache.mark(st, m_ex.area, m_ex.start, m_ex.count, LUMBRA_QUALITY_NO_REPLY);
         m_ex = Exchange();
     } else {
         // Never retried: the gateway waits for its outcome one time-out at most.
@@ -130,13 +133,17 @@ void Master::finishWrite(int state, const char *reason)
     m_writes.finishFront(state, reason);
 }
 
-// Every value of the station is old now; the round goes on without it.
+// Every value of the station is old now; the round goes on without it, and
+// the reads asked for it are answered at once: it has just not answered.
 void Master::stationDown(int st)
 {
     m_poller.markDown(st);
     for (const Block &b : m_poller.blocks())
         if (b.station == st)
             m_cache.mark(st, b.area, b.start, b.count, LUMBRA_QUALITY_NO_REPLY);
+    m_conditionReads.dropStation(st, &m_dropped);
+    for (const Span &w : m_dropped)
+        m_cache.mark(st, w.area, w.start, w.count, LUMBRA_QUALITY_NO_REPLY);
     m_log.limited(faultKey(Fault::NoReply, st), LUMBRA_LOG_WARN, "station %d does not answer", st);
 }
 
@@ -150,12 +157,18 @@ void Master::onException(int code)
         m_ex = Exchange();
         return;
     }
+    // Cut before its cells are marked: a reader waiting for one that exists
+    // must not see it refused in between.
+    if (m_ex.conditionRead && code == kIllegalDataAddress && splitConditionRead()) {
+        m_ex = Exchange();
+        return;
+    }
     m_cache.mark(m_ex.station, m_ex.area, m_ex.start, m_ex.count, LUMBRA_QUALITY_REFUSED);
     m_log.limited(faultKey(Fault::Exception, m_ex.station, m_ex.area, m_ex.start, code), LUMBRA_LOG_WARN,
                   "station %d %s %d-%d: %s", m_ex.station, areaName(m_ex.area), firstNumber(), lastNumber(), reason);
     Exchange refused = m_ex;
     m_ex = Exchange();
-    if (code == kIllegalDataAddress)
+    if (code == kIllegalDataAddress && !refused.conditionRead)
         splitRefused(refused);
 }
 
@@ -167,19 +180,36 @@ void Master::splitRefused(const Exchange &ex)
     const Block *b = ex.plan == m_plan ? m_poller.find(ex.station, ex.area, ex.start) : nullptr;
     if (!b || b->count != ex.count)
         return;
-    std::vector<int> cuts = splitPoints(*b, m_entries);
+    if (cutAt(ex.station, ex.area, ex.start, ex.count, splitPoints(*b, m_entries)))
+        m_poller.seek(m_poller.find(ex.station, ex.area, ex.start));
+}
+
+// Condition reads merged across a hole: each is asked for on its own next,
+// ahead of the others, and polls keep the cut too.
+bool Master::splitConditionRead()
+{
+    const std::vector<Entry> entries = spanEntries(m_readSpans, &m_readBlock);
+    if (!cutAt(m_ex.station, m_ex.area, m_ex.start, m_ex.count, splitPoints(m_readBlock, entries)))
+        return false;
+    m_conditionReads.requeue(m_readSpans);
+    return true;
+}
+
+// False when there is nothing to cut or no room left to remember the cuts.
+bool Master::cutAt(int st, Area area, int start, int count, const std::vector<int> &cuts)
+{
     if (cuts.empty())
-        return;
+        return false;
     for (int cut : cuts)
-        if (!m_barriers.add(ex.station, ex.area, cut)) {
+        if (!m_barriers.add(st, area, cut)) {
             m_log.once(faultKey(Fault::Split), LUMBRA_LOG_WARN, "too many refused reads to remember; no more splits");
-            return;
+            return false;
         }
     m_log.line(LUMBRA_LOG_INFO, "station %d %s %d-%d: exception 2 for a read across several addresses; read in %d "
-               "parts from now on", ex.station, areaName(ex.area), m_link.format.number(ex.start),
-               m_link.format.number(ex.start + ex.count - 1), static_cast<int>(cuts.size()) + 1);
+               "parts from now on", st, areaName(area), m_link.format.number(start),
+               m_link.format.number(start + count - 1), static_cast<int>(cuts.size()) + 1);
     replan(true);
-    m_poller.seek(m_poller.find(ex.station, ex.area, ex.start));
+    return true;
 }
 
 void Master::takeReply(const uint8_t *pdu)

@@ -15,8 +15,10 @@ namespace {
 // neighbours; past this the device just keeps refusing the block.
 constexpr size_t kMaxBarriers = 16384;
 
-bool toEntry(const KEY_ADDRESS &k, int defaultStation, bool canPollBroadcast, const AddressFormat &format,
-             Entry *out)
+}  // namespace
+
+bool keyEntry(const KEY_ADDRESS &k, int defaultStation, bool canPollBroadcast, const AddressFormat &format,
+              bool byIndex, Entry *out)
 {
     Entry e;
     e.station = k.station < 0 ? defaultStation : k.station;
@@ -27,7 +29,10 @@ bool toEntry(const KEY_ADDRESS &k, int defaultStation, bool canPollBroadcast, co
     std::memcpy(reg, k.reg, LUMBRA_REG_NAME_SIZE);
     std::memcpy(addr, k.addr, LUMBRA_ADDR_TEXT_SIZE);
     Area area;
-    if (!parseArea(reg, &area) || parseAddress(area, addr, format, &e.target) != AddressCheck::Ok)
+    if (!parseArea(reg, &area))
+        return false;
+    if (byIndex && k.index >= 0 ? !decodeIndex(area, k.index, &e.target)
+                                : parseAddress(area, addr, format, &e.target) != AddressCheck::Ok)
         return false;
     e.count = e.target.bitOfWord() ? 1 : std::max(1, static_cast<int>(k.len));
     Shape shape;
@@ -37,6 +42,8 @@ bool toEntry(const KEY_ADDRESS &k, int defaultStation, bool canPollBroadcast, co
     *out = std::move(e);
     return true;
 }
+
+namespace {
 
 auto entryKey(const Entry &e)
 {
@@ -83,7 +90,7 @@ std::vector<Entry> pollEntries(const KEY_ADDRESS *list, int count, int defaultSt
     std::vector<Entry> entries;
     for (int i = 0; list && i < count; ++i) {
         Entry e;
-        if (toEntry(list[i], defaultStation, canPollBroadcast, format, &e))
+        if (keyEntry(list[i], defaultStation, canPollBroadcast, format, false, &e))
             entries.push_back(std::move(e));
     }
     std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) { return entryKey(a) < entryKey(b); });

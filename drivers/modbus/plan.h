@@ -46,6 +46,10 @@ private:
     std::set<uint32_t> m_cuts;
 };
 
+// One address as the gateway names it: by its text, or, with `byIndex`, by
+// its index when it has one. False when it names nothing this link can poll.
+bool keyEntry(const KEY_ADDRESS &k, int defaultStation, bool canPollBroadcast, const AddressFormat &format,
+              bool byIndex, Entry *out);
 // Unresolvable entries and stations the framing cannot poll are left out;
 // duplicates (several services asking for one value) collapse into one.
 // The result is sorted by station, area and first cell.

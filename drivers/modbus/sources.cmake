@@ -5,6 +5,7 @@ set(MODBUS_DRIVER_CORE_SOURCES
   adu.cpp
   cache.cpp
   codec.cpp
+  condreads.cpp
   linksetup.cpp
   log.cpp
   master.cpp

@@ -317,6 +317,9 @@ TEST(ModbusPlugin, SurvivesRandomRepliesAndArguments)
             d.getValue(std::rand() % 300 - 20, regs[i % 4], index, count, kind, buf, room, &ticket);
             d.setValue(std::rand() % 300 - 20, regs[i % 4], index, count, kind, buf, room, &ticket);
             d.cancelWrite(std::rand() % 300);
+            KEY_ADDRESS k = key(regs[i % 4], "", count, std::rand() % 300 - 20);
+            k.index = index;
+            d.conditionRead(&k, 1);
         }
     }
 }

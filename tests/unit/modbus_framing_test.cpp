@@ -1,6 +1,6 @@
 // The Modbus driver against a device inside the test process, which lets a
 // test cut, garble and refuse replies byte by byte: framing, exceptions,
-// hole splits and write outcomes.
+// hole splits, write outcomes and reads asked for once.
 #include "modbus_harness.h"
 
 #include <gtest/gtest.h>
@@ -303,6 +303,96 @@ TEST_P(Framed, WritesOvertakeAReadWaitingForItsRetry)
     for (const Bytes &pdu : dev.requests)
         asked.push_back(requestOf(pdu));
     EXPECT_EQ(asked, (std::vector<Request>{{3, 0, 1}, {6, 3, 7}, {3, 0, 1}})) << "the read resumes after the write";
+}
+
+TEST_P(Framed, ConditionReadsGoAfterWritesAheadOfPollsMergedByTheBlockRules)
+{
+    dev.setRange(0, 400, 9);
+    dev.holding[203] = 203;
+    KEY_ADDRESS polled[] = {key("4X", "0"), key("4X", "50")};
+    ASSERT_EQ(d->merge(polled, 2), 2);
+    ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
+    const int ticket = write16("3", 7);
+    KEY_ADDRESS once[] = {key("4X", "200"), key("4X", ""), key("4X", "300"), key("4X", "200"), key("4X", "x")};
+    once[1].index = d->indexOf("4X", "203");
+    EXPECT_EQ(d->conditionRead(once, 5), 4) << "one already waiting counts, one that names nothing does not";
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
+    std::vector<Request> asked;
+    for (const Bytes &pdu : dev.requests)
+        asked.push_back(requestOf(pdu));
+    EXPECT_EQ(asked, (std::vector<Request>{{3, 0, 1}, {6, 3, 7}, {3, 200, 4}, {3, 300, 1}, {3, 50, 1}, {3, 0, 1}}));
+    EXPECT_EQ(state(ticket).first, LUMBRA_WRITE_DONE);
+    EXPECT_EQ(read16("203"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 203));
+    EXPECT_EQ(read16("300"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 9));
+    EXPECT_EQ(d->conditionRead(nullptr, 1), -1);
+}
+
+TEST_P(Framed, AConditionReadFailsAsAPollDoesAndNeverMakesUpAValue)
+{
+    struct Row {
+        const char *name;
+        std::function<void()> fault;
+        std::vector<int> results;
+        int quality;
+        int other;  // of the next read that waits for the same station
+    } rows[] = {
+        {"refused", [&] { dev.exception = 2; }, {LUMBRA_RESULT_GOOD}, LUMBRA_QUALITY_REFUSED, LUMBRA_QUALITY_NOT_READ},
+        {"device failure", [&] { dev.exception = 4; }, {LUMBRA_RESULT_GOOD}, LUMBRA_QUALITY_REFUSED,
+         LUMBRA_QUALITY_NOT_READ},
+        {"unanswered", [&] { dev.silent = true; }, {LUMBRA_RESULT_INCOMPLETE, LUMBRA_RESULT_STATION_FAILED},
+         LUMBRA_QUALITY_NO_REPLY, LUMBRA_QUALITY_NO_REPLY},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        dev = FakeDevice();
+        dev.tcp = tcp;
+        dev.setRange(0, 400, 9);
+        load({});
+        KEY_ADDRESS once[] = {key("4X", "100"), key("4X", "300")};
+        ASSERT_EQ(d->conditionRead(once, 2), 2);
+        row.fault();
+        for (int result : row.results)
+            EXPECT_EQ(turn(), result);
+        EXPECT_EQ(read16("100"), std::make_tuple(0, row.quality, 0));
+        EXPECT_EQ(std::get<1>(read16("300")), row.other);
+        EXPECT_EQ(dev.requests.size(), row.results.size()) << "a dead station is not asked again at once";
+    }
+
+    // Merged across a hole in the map: asked for apart, so the one that exists reads.
+    dev = FakeDevice();
+    dev.tcp = tcp;
+    dev.setRange(0, 400, 9);
+    dev.holding.erase(395);
+    load({});
+    KEY_ADDRESS across[] = {key("4X", "390"), key("4X", "398")};
+    ASSERT_EQ(d->conditionRead(across, 2), 2);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
+    std::vector<Request> asked;
+    for (const Bytes &pdu : dev.requests)
+        asked.push_back(requestOf(pdu));
+    EXPECT_EQ(asked, (std::vector<Request>{{3, 390, 9}, {3, 390, 1}, {3, 398, 1}}));
+    EXPECT_EQ(read16("390"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 9));
+    EXPECT_EQ(read16("398"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 9));
+}
+
+TEST_P(Framed, AFloodOfConditionReadsIsCutAtTheQueueWithOneLogLine)
+{
+    dev.setRange(0, 6000, 1);
+    std::vector<KEY_ADDRESS> keys;
+    for (int i = 0; i < 300; ++i)
+        keys.push_back(key("4X", std::to_string(i * 20).c_str()));
+    EXPECT_EQ(d->conditionRead(keys.data(), 300), 256);
+    EXPECT_EQ(d->conditionRead(keys.data() + 290, 10), 0);
+    EXPECT_EQ(d->conditionRead(keys.data(), 10), 10) << "already waiting";
+    EXPECT_EQ(logCount("condition read of station 17 4X 5120 dropped: 256 wait already"), 1);
+    EXPECT_EQ(logLines.size(), 1u);
+    for (int i = 0; i < 256; ++i)
+        ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
+    EXPECT_EQ(turn(), 0) << "each is read once";
+    EXPECT_EQ(dev.requests.size(), 256u);
+    EXPECT_EQ(d->conditionRead(keys.data() + 299, 1), 1) << "room again";
 }
 
 TEST_P(Framed, AnOldGatewayIsNeverAskedForMore)

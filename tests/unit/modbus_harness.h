@@ -91,6 +91,7 @@ public:
     const intf_SetDriverPropertyPage_t setProperty = sym<intf_SetDriverPropertyPage_t>("intf_SetDriverPropertyPage");
     const intf_checkAddrValidity_t checkAddr = sym<intf_checkAddrValidity_t>("intf_checkAddrValidity");
     const intf_addrMerge_t merge = sym<intf_addrMerge_t>("intf_addrMerge");
+    const intf_addConditionRead_t conditionRead = sym<intf_addConditionRead_t>("intf_addConditionRead");
     const intf_getSendFrame_t getSendFrame = sym<intf_getSendFrame_t>("intf_getSendFrame");
     const intf_dealRcvFrame_t dealRcvFrame = sym<intf_dealRcvFrame_t>("intf_dealRcvFrame");
     const intf_getData_t getData = sym<intf_getData_t>("intf_getData");
