@@ -150,6 +150,18 @@ typedef int (*intf_mpiInit_t)(char *text, int a, int b, int c, int d, int e, int
 typedef int (*intf_mpiDeal_t)(void);
 typedef void (*intf_setAddrValueChangeCallBack_t)(lumbra_value_changed_cb cb);
 typedef int (*intf_SetDriverPropertyPage_t)(const char *property);
+/* Read these addresses once, as soon as possible: after the writes already
+ * queued, ahead of the polls (an exchange under way, with its retries, ends
+ * first). Each entry names an address as for intf_addrMerge, by its index
+ * when that is >= 0 (as intf_checkAddrValidity gave it), else by reg and
+ * addr; len and station as there. The result comes by the normal value path:
+ * intf_getValue gives value and quality as after a poll (GOOD with the value
+ * the device sent; on an exception, no reply or a dead station REFUSED or
+ * NO_REPLY, never a made-up value), and the value-changed callback reports
+ * polled addresses whose value changed. The addresses do not join the poll
+ * set. Returns how many entries are queued (one already waiting counts):
+ * fewer than count when some name nothing or the driver's queue is full;
+ * -1 for a null list with a positive count. */
 typedef int (*intf_addConditionRead_t)(const KEY_ADDRESS *list, int count);
 typedef int (*intf_addrMerge_t)(KEY_ADDRESS *list, int count);
 typedef int (*intf_addrMergeOfOrder_t)(KEY_ADDRESS *list, int count);

@@ -45,7 +45,8 @@ public:
     // "station_no_comm", or shielded by spendStation) is not polled, so its
     // values read as NO_REPLY with 0, like those of a station that is down.
     // With waitMs, a device value not read yet (an address just registered)
-    // is waited for, at most waitMs and at most the link's reply time-out.
+    // is asked of the device at once where the driver reads on request, and
+    // waited for, at most waitMs and at most the link's reply time-out.
     int getCommValue(const QString &link, const QString &reg, int addr, int station, int len, uchar *data,
                      int dataSize = -1, int kind = LUMBRA_KIND_RAW, int *quality = nullptr, int waitMs = 0);
     // Many values of one link, each as getCommValue reads it, with one

@@ -105,12 +105,23 @@ TEST_F(ScriptGateway, TwentyOnlineEditsDuringARunOnceScriptLeaveTheLastInForce)
 }
 
 // Registers 60-64 get what the cyclic script read, 70-74 the pass on which
-// it first had it; 80-81 what the run-once script read at start-up.
-TEST_F(ScriptGateway, ScriptsReadTheDeviceHoweverTheyNameTheAddress)
+// it first had it; 80-81 what the run-once script read at start-up. Eighty
+// polled blocks make the link's cycle long, so a value that comes on the
+// first call was read out of turn.
+TEST_F(ScriptGateway, ScriptsReadTheDeviceOnTheFirstCallHoweverTheyNameTheAddress)
 {
+    QJsonArray points;
+    for (int i = 0; i < 80; ++i)
+        points.append(QJsonObject{{"data_code", i + 1}, {"data_type", 0},
+                                  {"data_readAddress", QJsonObject{{"link", "PLC1"}, {"block", "4X"},
+                                                                   {"no", QString::number(100 + 20 * i)},
+                                                                   {"sta", 1}, {"length", 1}}}});
+    box.writeConfig("RealTimeConfiguration.json",
+                    QJsonDocument(QJsonObject{{"upload_func_state", false}, {"data", points}}).toJson());
     const uint16_t values[] = {1234, 2345, 3456, 4567, 5678, 6789, 7890};
     for (int i = 0; i < 7; ++i)
         slave.setHolding(50 + i, values[i]);
+    slave.setHolding(1907, 4321);
     const QString once = "local v = getdata('PLC1', '4X', 55, 1, 1, DATA_TYPE_WUB) " + setReg(80, "v or 9999") +
                          " local a = 50 local w = getdata('PLC1', '4X', a + 6, 1, 1, DATA_TYPE_WUB) " +
                          setReg(81, "w or 9999");
@@ -118,9 +129,10 @@ TEST_F(ScriptGateway, ScriptsReadTheDeviceHoweverTheyNameTheAddress)
 pass = (pass or 0) + 1
 first = first or {}
 local function note(slot, v)
-  if v == nil then return end
+  if v == nil or first[slot] then return end
+  first[slot] = pass
   setdata('PLC1', '4X', 60 + slot, v, 1, nil, DATA_TYPE_WUB)
-  if not first[slot] then first[slot] = pass setdata('PLC1', '4X', 70 + slot, pass, 1, nil, DATA_TYPE_WUB) end
+  setdata('PLC1', '4X', 70 + slot, pass, 1, nil, DATA_TYPE_WUB)
 end
 note(0, getdata('PLC1', '4X', 50, 1, 1, DATA_TYPE_WUB))
 local base = 50
@@ -130,8 +142,21 @@ note(2, getdata(link, "4X", 52, 1, 1, DATA_TYPE_WUB))
 local id = 0
 note(3, getdata(id, "4X", 53, 1, 1, DATA_TYPE_WUB))
 for i, a in ipairs({54}) do note(3 + i, getdata(link, "4X", a, 1, 1, DATA_TYPE_WUB)) end
+if pass == 1 then
+  hmiPrint('FIRST READ START')
+  local v, err = getdata(link, '4X', 1900 + 7, 1, 1, DATA_TYPE_WUB)
+  hmiPrint('FIRST READ ' .. tostring(v) .. ', ' .. tostring(err))
+  local w, why = getdata(link, '4X', 2000 + 100, 1, 1, DATA_TYPE_WUB)
+  hmiPrint('MISSING READ ' .. tostring(w) .. ', ' .. tostring(why))
+end
 )";
     start({script(1, 1, once), script(2, 2, cyclic, 300)});
+    ASSERT_TRUE(box.gateway().waitForOutput("FIRST READ START", 20000)) << log().toStdString();
+    QElapsedTimer took;
+    took.start();
+    ASSERT_TRUE(box.gateway().waitForOutput("FIRST READ 4321, nil", 5000)) << log().toStdString();
+    EXPECT_LT(took.elapsed(), 800);
+    ASSERT_TRUE(box.gateway().waitForOutput("MISSING READ nil, refused by the device", 5000)) << log().toStdString();
     const auto read = [&](int from, int count) {
         QList<int> got;
         for (int i = 0; i < count; ++i)
@@ -141,10 +166,33 @@ for i, a in ipairs({54}) do note(3 + i, getdata(link, "4X", a, 1, 1, DATA_TYPE_W
     ASSERT_TRUE(until([&] { return !read(60, 5).contains(0) && !read(80, 2).contains(0); }, 15000))
         << log().toStdString();
     EXPECT_EQ(read(60, 5), (QList<int>{1234, 2345, 3456, 4567, 5678}));
-    for (int pass : read(70, 5))
-        EXPECT_LE(pass, 2);
+    EXPECT_EQ(read(70, 5), (QList<int>{1, 1, 1, 1, 1}));
     EXPECT_EQ(read(80, 2), (QList<int>{6789, 7890}));
     EXPECT_TRUE(log().contains("run-once scripts start: every link has polled once")) << log().toStdString();
+
+    // Only polls are left: the cycle the reads above did not wait for.
+    const int before = slave.requests();
+    until([] { return false; }, 2000);
+    EXPECT_LE(slave.requests() - before, 2 * 80) << "a poll cycle shorter than a second";
+}
+
+// A device that has stopped answering: the first read of a new address gives
+// up within the link's reply time-out, without a value.
+TEST_F(ScriptGateway, AFirstReadOfASilentDeviceEndsWithinTheReplyTimeOut)
+{
+    slave.setSilent(true);
+    start({script(1, 2,
+                  "if not done then done = true hmiPrint('READ START') local a = 40 "
+                  "local v, err = getdata('PLC1', '4X', a + 2, 1, 1, DATA_TYPE_WUB) "
+                  "hmiPrint('READ END ' .. tostring(v) .. ', ' .. tostring(err)) end",
+                  100)});
+    ASSERT_TRUE(box.gateway().waitForOutput("READ START", 15000)) << log().toStdString();
+    QElapsedTimer took;
+    took.start();
+    ASSERT_TRUE(box.gateway().waitForOutput("READ END", 5000)) << log().toStdString();
+    EXPECT_LT(took.elapsed(), 200 + 400) << "timeout1 is 200 ms";
+    EXPECT_TRUE(log().contains("READ END nil, not read yet") || log().contains("READ END nil, no reply"))
+        << log().toStdString();
 }
 
 // A dead device answers "no reply" within its time-out; a link whose port

@@ -60,6 +60,15 @@ protected:
         return rc == 1 ? ticket : -1;
     }
 
+    // The requests the device got, in order.
+    std::vector<Request> asked() const
+    {
+        std::vector<Request> all;
+        for (const Bytes &pdu : dev.requests)
+            all.push_back(requestOf(pdu));
+        return all;
+    }
+
     std::pair<int, std::string> state(int ticket)
     {
         char text[80] = {};
@@ -219,10 +228,7 @@ TEST_P(Framed, ReadAcrossAHoleIsSplitUntilEveryExistingAddressReads)
     ASSERT_EQ(d->merge(keys, 5), 1);
     for (int i = 0; i < 6; ++i)
         ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
-    std::vector<Request> asked;
-    for (const Bytes &pdu : dev.requests)
-        asked.push_back(requestOf(pdu));
-    EXPECT_EQ(asked, (std::vector<Request>{{3, 0, 9}, {3, 0, 3}, {3, 4, 2}, {3, 4, 1}, {3, 5, 1}, {3, 8, 1}}));
+    EXPECT_EQ(asked(), (std::vector<Request>{{3, 0, 9}, {3, 0, 3}, {3, 4, 2}, {3, 4, 1}, {3, 5, 1}, {3, 8, 1}}));
     EXPECT_EQ(logCount("4X 0-8: exception 2 for a read across several addresses; read in 3 parts"), 1);
     EXPECT_EQ(logCount("4X 4-5: exception 2 for a read across several addresses; read in 2 parts"), 1);
     EXPECT_EQ(read16("1"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 5));
@@ -235,10 +241,8 @@ TEST_P(Framed, ReadAcrossAHoleIsSplitUntilEveryExistingAddressReads)
     dev.requests.clear();
     for (int i = 0; i < 4; ++i)
         ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
-    std::set<Request> round;
-    for (const Bytes &pdu : dev.requests)
-        round.insert(requestOf(pdu));
-    EXPECT_EQ(round, (std::set<Request>{{3, 0, 3}, {3, 4, 1}, {3, 5, 1}, {3, 8, 1}}));
+    const std::vector<Request> round = asked();
+    EXPECT_EQ(std::set<Request>(round.begin(), round.end()), (std::set<Request>{{3, 0, 3}, {3, 4, 1}, {3, 5, 1}, {3, 8, 1}}));
 }
 
 TEST_P(Framed, WriteTicketsTellHowTheWriteEnded)
@@ -299,10 +303,7 @@ TEST_P(Framed, WritesOvertakeAReadWaitingForItsRetry)
     ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
     EXPECT_EQ(state(ticket).first, LUMBRA_WRITE_DONE);
     ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
-    std::vector<Request> asked;
-    for (const Bytes &pdu : dev.requests)
-        asked.push_back(requestOf(pdu));
-    EXPECT_EQ(asked, (std::vector<Request>{{3, 0, 1}, {6, 3, 7}, {3, 0, 1}})) << "the read resumes after the write";
+    EXPECT_EQ(asked(), (std::vector<Request>{{3, 0, 1}, {6, 3, 7}, {3, 0, 1}})) << "the read resumes after the write";
 }
 
 TEST_P(Framed, ConditionReadsGoAfterWritesAheadOfPollsMergedByTheBlockRules)
@@ -318,10 +319,7 @@ TEST_P(Framed, ConditionReadsGoAfterWritesAheadOfPollsMergedByTheBlockRules)
     EXPECT_EQ(d->conditionRead(once, 5), 4) << "one already waiting counts, one that names nothing does not";
     for (int i = 0; i < 5; ++i)
         ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
-    std::vector<Request> asked;
-    for (const Bytes &pdu : dev.requests)
-        asked.push_back(requestOf(pdu));
-    EXPECT_EQ(asked, (std::vector<Request>{{3, 0, 1}, {6, 3, 7}, {3, 200, 4}, {3, 300, 1}, {3, 50, 1}, {3, 0, 1}}));
+    EXPECT_EQ(asked(), (std::vector<Request>{{3, 0, 1}, {6, 3, 7}, {3, 200, 4}, {3, 300, 1}, {3, 50, 1}, {3, 0, 1}}));
     EXPECT_EQ(state(ticket).first, LUMBRA_WRITE_DONE);
     EXPECT_EQ(read16("203"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 203));
     EXPECT_EQ(read16("300"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 9));
@@ -369,10 +367,7 @@ TEST_P(Framed, AConditionReadFailsAsAPollDoesAndNeverMakesUpAValue)
     ASSERT_EQ(d->conditionRead(across, 2), 2);
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(turn(), LUMBRA_RESULT_GOOD);
-    std::vector<Request> asked;
-    for (const Bytes &pdu : dev.requests)
-        asked.push_back(requestOf(pdu));
-    EXPECT_EQ(asked, (std::vector<Request>{{3, 390, 9}, {3, 390, 1}, {3, 398, 1}}));
+    EXPECT_EQ(asked(), (std::vector<Request>{{3, 390, 9}, {3, 390, 1}, {3, 398, 1}}));
     EXPECT_EQ(read16("390"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 9));
     EXPECT_EQ(read16("398"), std::make_tuple(1, LUMBRA_QUALITY_GOOD, 9));
 }

@@ -308,6 +308,12 @@ int CLinkDriver::AddressMerge(std::vector<KEY_ADDRESS> &list)
     return m_addrMerge(list.empty() ? nullptr : list.data(), static_cast<int>(list.size()));
 }
 
+int CLinkDriver::AddConditionRead(const KEY_ADDRESS *list, int count)
+{
+    QMutexLocker lock(&m_mutex);
+    return m_addConditionRead ? m_addConditionRead(list, count) : -1;
+}
+
 int CLinkDriver::CheckAddressValidity(const QString &reg, const QString &addr, int &index, int station, int mode)
 {
     QMutexLocker lock(&m_mutex);

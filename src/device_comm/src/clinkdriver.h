@@ -72,6 +72,9 @@ public:
     int DealRecvFrame(const QByteArray &frame, QString &text);
     int GetSendFrame(FRAME_PRO &frame);
     int AddressMerge(std::vector<KEY_ADDRESS> &list);
+    // Asks the driver to read these addresses once, ahead of its polls
+    // (intf_addConditionRead): the number it took; -1 when it cannot.
+    int AddConditionRead(const KEY_ADDRESS *list, int count);
     int CheckAddressValidity(const QString &reg, const QString &addr, int &index, int station, int mode);
     // The ABI version the driver says it was built for; 1 when it does not say.
     int abiVersion() const { return m_abiVersion ? m_abiVersion() : 1; }

@@ -63,7 +63,9 @@ public:
     int WriteValue(int station, const QString &reg, int addr, int count, int kind, const uchar *data, int len,
                    int waitMs, QString *why);
     // GetValue, but a value the driver has not read yet (a newly polled
-    // address) is waited for, exchange by exchange, at most waitMs.
+    // address) is asked for at once from a driver that reads on request
+    // (intf_addConditionRead) and waited for, exchange by exchange, at most
+    // waitMs.
     int AwaitValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len,
                    int *quality, int waitMs);
     // The reply time-out: "timeout1", 1000 ms when unset.
@@ -121,6 +123,7 @@ private:
     int dealFrame(const QByteArray &frame, QString &text);
     void exchangeDone();
     int awaitWrite(int ticket, int waitMs, QString *text);
+    void requestRead(int station, const QString &reg, int addr, int count);
     void awaitExchanges(int waitMs, const std::function<bool()> &settled);
     int initMPI();
     void dealMPI();

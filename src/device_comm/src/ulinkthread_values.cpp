@@ -3,9 +3,12 @@
 // the port mutex, so they never wait for the link thread's exchange.
 #include "ulinkthread.h"
 
+#include "device_comm/ctext.h"
 #include "generalFunc/globals.h"
 
 #include <QElapsedTimer>
+
+#include <cstring>
 
 #undef LUMBRA_LOG_FILE
 #define LUMBRA_LOG_FILE "device_comm/src/ulinkthread.cpp"
@@ -89,12 +92,29 @@ int ULinkThread::awaitWrite(int ticket, int waitMs, QString *text)
 int ULinkThread::AwaitValue(int station, const QString &reg, int addr, int count, int kind, uchar *data, int len,
                             int *quality, int waitMs)
 {
-    int rc = -1;
+    int rc = GetValue(station, reg, addr, count, kind, data, len, quality);
+    if (rc < 0 || *quality != LUMBRA_QUALITY_NOT_READ || waitMs <= 0)
+        return rc;
+    requestRead(station, reg, addr, count);
     awaitExchanges(waitMs, [&] {
         rc = GetValue(station, reg, addr, count, kind, data, len, quality);
         return rc < 0 || *quality != LUMBRA_QUALITY_NOT_READ;
     });
     return rc;
+}
+
+// A driver that reads on request has the value after the exchange in
+// progress and its own; the others reach it on their pass over the poll plan.
+void ULinkThread::requestRead(int station, const QString &reg, int addr, int count)
+{
+    KEY_ADDRESS k;
+    std::memset(&k, 0, sizeof k);
+    lumbra::copyCText(k.link, sizeof k.link, m_linkName);
+    lumbra::copyCText(k.reg, sizeof k.reg, reg);
+    k.station = station;
+    k.index = addr;
+    k.len = count;
+    m_driver->AddConditionRead(&k, 1);
 }
 
 // Asks settled() after each exchange of the link thread until it holds or
