@@ -88,8 +88,12 @@ void Macro::ensureRunning()
 bool Macro::takeTask(Task *task, int waitMs)
 {
     std::unique_lock<std::mutex> lock(m_queueLock);
-    m_wake.wait_for(lock, std::chrono::milliseconds(qMax(0, waitMs)),
-                    [this] { return !m_queue.empty() || m_stopping; });
+    const auto woken = [this] { return !m_queue.empty() || m_stopping || m_reloaded; };
+    if (waitMs < 0)
+        m_wake.wait(lock, woken);
+    else
+        m_wake.wait_for(lock, std::chrono::milliseconds(waitMs), woken);
+    m_reloaded = false;
     if (m_queue.empty() || m_stopping)
         return false;
     *task = std::move(m_queue.front());
@@ -166,12 +170,14 @@ void Macro::run()
     while (!m_stopping) {
         if (!m_runOnceDone && startRequested())
             runOnceWhenLinksPolled();
-        const int untilPass = !m_runOnceDone        ? kPassPauseMs
-                              : sincePass.isValid() ? kPassPauseMs - static_cast<int>(sincePass.elapsed())
-                                                    : 0;
+        // Without cyclic scripts (or before the first load) the thread sleeps
+        // until work is queued or the scripts are reloaded.
+        int untilPass = -1;
+        if (m_runOnceDone && !scripts()->cyclic.isEmpty())
+            untilPass = sincePass.isValid() ? qMax(0, kPassPauseMs - static_cast<int>(sincePass.elapsed())) : 0;
         // A pass that is due goes before queued work, so a busy queue
         // cannot starve the cyclic scripts.
-        if (m_runOnceDone && untilPass <= 0) {
+        if (untilPass == 0) {
             runPass();
             sincePass.start();
             continue;

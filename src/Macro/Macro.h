@@ -110,6 +110,7 @@ private:
     // Macro.cpp: the engine thread.
     void post(Task task);
     void ensureRunning();
+    // Waits up to waitMs (for ever when negative) for work, a reload or a stop.
     bool takeTask(Task *task, int waitMs);
     SetPtr scripts(unsigned *generation = nullptr) const;
     lumbra::MacroSettings settings() const;
@@ -147,6 +148,7 @@ private:
     std::condition_variable m_wake;
     std::deque<Task> m_queue;
     RepeatLimiter m_queueFull;
+    bool m_reloaded = false;  // the script set changed: the engine looks again
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_abort{false};  // stops the running script
     QMutex m_startLock;

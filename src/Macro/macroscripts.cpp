@@ -177,6 +177,10 @@ void Macro::init()
     // Also when empty: a reload that drops every getdata call drops its polling.
     externalAddr();
     ensureRunning();
+    {
+        std::lock_guard<std::mutex> queue(m_queueLock);
+        m_reloaded = true;
+    }
     m_wake.notify_all();
     zlog_debug(g_zlog, "Macro init end");
 }
