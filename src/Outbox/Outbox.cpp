@@ -32,20 +32,33 @@ bool Outbox::post(const QString &topic, const QString &payload, bool zip, int qo
 
 // The envelope is written by hand: a real-time upload of thousands of points
 // would otherwise be copied four times over on its way through a JSON document.
+QByteArray Outbox::envelopeHead(const QString &topic, int qos, int payloadBytes)
+{
+    QByteArray text;
+    text.reserve(payloadBytes + topic.size() + 96);
+    text.append("{\"topic\":");
+    lumbra::appendJsonString(text, QString("/%1_%2%3").arg(deviceInfo::getInstance()->sn(), g_IotVersion, topic));
+    text.append(",\"qos\":").append(QByteArray::number(qos)).append(",\"msg\":\"");
+    return text;
+}
+
+bool Outbox::postEnvelope(const QString &topic, QByteArray text, bool zip, Kind kind)
+{
+    if (kind == Stored && !m_cloudUp)
+        return false;
+    text.append("\",\"zip\":").append(zip ? "true" : "false").append('}');
+    return enqueue({{std::move(text), kind}, topic});
+}
+
 bool Outbox::postUtf8(const QString &topic, const QByteArray &payload, bool zip, int qos, Kind kind)
 {
     if (kind == Stored && !m_cloudUp)
         return false;
-    QByteArray text;
     // The payload is JSON itself: every quote in it gains a backslash, about
     // one byte in five of a real-time upload.
-    text.reserve(payload.size() + payload.size() / 4 + topic.size() + 96);
-    text.append("{\"topic\":");
-    lumbra::appendJsonString(text, QString("/%1_%2%3").arg(deviceInfo::getInstance()->sn(), g_IotVersion, topic));
-    text.append(",\"qos\":").append(QByteArray::number(qos)).append(",\"msg\":");
-    lumbra::appendJsonString(text, payload);
-    text.append(",\"zip\":").append(zip ? "true" : "false").append('}');
-    return enqueue({{text, kind}, topic});
+    QByteArray text = envelopeHead(topic, qos, payload.size() + payload.size() / 4);
+    lumbra::appendJsonEscaped(text, payload.constData(), payload.size());
+    return postEnvelope(topic, std::move(text), zip, kind);
 }
 
 bool Outbox::postRaw(const QByteArray &text)

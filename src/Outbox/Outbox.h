@@ -43,6 +43,13 @@ public:
     bool post(const QString &topic, const QString &payload, bool zip, int qos, Kind kind);
     // The same for a payload that is UTF-8 text already.
     bool postUtf8(const QString &topic, const QByteArray &payload, bool zip, int qos, Kind kind);
+    // For a payload written straight into its envelope, escaped once rather
+    // than built whole and then escaped: the envelope up to the opening
+    // quote of the payload, with room for payloadBytes more. Append the
+    // payload as the inside of a JSON string (lumbra::appendJsonEscaped)
+    // and queue the whole with postEnvelope.
+    static QByteArray envelopeHead(const QString &topic, int qos, int payloadBytes);
+    bool postEnvelope(const QString &topic, QByteArray text, bool zip, Kind kind);
     // Queues text as it is: messages for the agent itself ("restartLumbra").
     bool postRaw(const QByteArray &text);
 

@@ -42,28 +42,32 @@ char *writeEscaped(char *w, unsigned char c)
 
 // Sized first, then written in place byte by byte: an upload of thousands
 // of points is full of quotes, so its plain runs are too short to copy whole.
-void appendJsonString(QByteArray &out, const char *utf8, int size)
+void appendJsonEscaped(QByteArray &out, const char *utf8, int size)
 {
     const auto *in = reinterpret_cast<const unsigned char *>(utf8);
     int extra = 0;
     for (int i = 0; i < size; ++i)
         extra += kEscape.extra[in[i]];
     const int at = out.size();
-    out.resize(at + size + extra + 2);
+    out.resize(at + size + extra);
     char *w = out.data() + at;
-    *w++ = '"';
     if (extra == 0) {
         std::memcpy(w, utf8, static_cast<size_t>(size));
-        w += size;
-    } else {
-        for (int i = 0; i < size; ++i) {
-            if (kEscape.extra[in[i]])
-                w = writeEscaped(w, in[i]);
-            else
-                *w++ = utf8[i];
-        }
+        return;
     }
-    *w = '"';
+    for (int i = 0; i < size; ++i) {
+        if (kEscape.extra[in[i]])
+            w = writeEscaped(w, in[i]);
+        else
+            *w++ = utf8[i];
+    }
+}
+
+void appendJsonString(QByteArray &out, const char *utf8, int size)
+{
+    out.append('"');
+    appendJsonEscaped(out, utf8, size);
+    out.append('"');
 }
 
 void appendJsonString(QByteArray &out, const QByteArray &utf8)

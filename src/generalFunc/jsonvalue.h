@@ -46,6 +46,9 @@ void appendJsonString(QByteArray &out, const QString &text);
 // The same for text that is UTF-8 already.
 void appendJsonString(QByteArray &out, const QByteArray &utf8);
 void appendJsonString(QByteArray &out, const char *utf8, int size);
+// The inside of such a literal, without its quotes: for JSON text carried
+// as a string in another JSON document.
+void appendJsonEscaped(QByteArray &out, const char *utf8, int size);
 // Appends n as a JSON number.
 void appendJsonInt(QByteArray &out, qint64 n);
 
