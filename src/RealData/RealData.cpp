@@ -28,52 +28,48 @@ const lumbra::ConfigFileTexts kFileTexts{"Real data config file no such", "Real 
 const int kMaxTotalDigits = 128;
 const int kTickMs = 1000;
 
-// One {"code":..,"data":".."} of an upload; the first has no comma before it.
-void appendItem(QByteArray &out, bool first, int code, const QString &value)
+// The fixed parts of an upload's items, plain and as they stand inside
+// another JSON string.
+struct ItemParts {
+    const char *code;  // with the comma that goes before every item but the first
+    int codeSize;
+    const char *data;
+    int dataSize;
+};
+const ItemParts kItemParts[2] = {{",{\"code\":", 9, ",\"data\":", 8},
+                                 {",{\\\"code\\\":", 11, ",\\\"data\\\":", 10}};
+
+char *put(char *w, const char *text, int size)
 {
-    static const char kCode[] = ",{\"code\":";
-    static const char kData[] = ",\"data\":";
-    const int skip = first ? 1 : 0;
-    out.append(kCode + skip, static_cast<int>(sizeof kCode) - 1 - skip);
-    lumbra::appendJsonInt(out, code);
-    out.append(kData, static_cast<int>(sizeof kData) - 1);
-    lumbra::appendJsonString(out, value);
-    out.append('}');
+    std::memcpy(w, text, static_cast<size_t>(size));
+    return w + size;
 }
 
-// dst = src in dst's own buffer. Sharing one buffer would make the next
-// in-place write of the point's value copy it: an allocation per point and
-// second, which fragments the heap of a box with tens of thousands of points.
-void copyInPlace(QString &dst, const QString &src)
+// One {"code":..,"data":".."} of an upload; the first has no comma before it.
+// Plain numbers, nearly every point, go in with one append.
+void appendItem(QByteArray &out, bool first, int code, const ValueText &value, bool nested)
 {
-    if (dst.size() == src.size() && dst == src)
+    const ItemParts &p = kItemParts[nested ? 1 : 0];
+    const int skip = first ? 1 : 0;
+    char item[64 + ValueText::kMaxInlineJson];
+    char *w = put(item, p.code + skip, p.codeSize - skip);
+    w = std::to_chars(w, item + 32, code).ptr;
+    w = put(w, p.data, p.dataSize);
+    if (value.isInline()) {
+        w = value.writeInline(w, nested);
+        *w++ = '}';
+        out.append(item, static_cast<int>(w - item));
         return;
-    dst.resize(src.size());
-    std::memcpy(static_cast<void *>(dst.data()), src.constData(), static_cast<size_t>(src.size()) * sizeof(QChar));
+    }
+    out.append(item, static_cast<int>(w - item));
+    value.appendJson(out, nested);
+    out.append('}');
 }
 
 // Room for a point's raw value: the widest fixed type at least.
 int valueBytes(const RealData::DataCfg_t &cfg)
 {
     return qMax(2 * cfg.addr.length, 8);
-}
-
-// Overwrites s with an ASCII text, in its own buffer when it has room: no
-// allocation per point and pass. False when s held that text already.
-bool assignAscii(QString &s, const char *text, int size)
-{
-    if (s.size() == size) {
-        int i = 0;
-        while (i < size && s.at(i).unicode() == static_cast<uchar>(text[i]))
-            ++i;
-        if (i == size)
-            return false;
-    }
-    s.resize(size);
-    QChar *d = s.data();
-    for (int i = 0; i < size; ++i)
-        d[i] = QLatin1Char(text[i]);
-    return true;
 }
 
 }  // namespace
@@ -192,7 +188,7 @@ void RealData::run()
         // of their own period, and must not repeat a stale one.
         if (every > 0 && (tick - 1) % every != 0) {
             QMutexLocker lock(&m_mutex);
-            readPoints();
+            readPoints([](DataCfg_t &) {});
             continue;
         }
         // exchange(): a status notification during the pass asks for the next one.
@@ -237,13 +233,14 @@ void RealData::takeRead(DataCfg_t &cfg, const communication::ValueRead &read)
     char ascii[kMaxAsciiText];
     const int n = asciiText(cfg, read.data, read.dataSize, ascii);
     if (n >= 0)
-        assignAscii(cfg.value, ascii, n);
+        cfg.value.set(ascii, n);
     else
-        cfg.value = formatValue(cfg, read.data, read.dataSize, cfg.value);
+        cfg.value.set(formatValue(cfg, read.data, read.dataSize, cfg.value.toString()));
 }
 
 // Called with m_mutex held.
-void RealData::readPoints()
+template <class Visit>
+void RealData::readPoints(Visit &&visit)
 {
     const int kBatch = 256;
     std::vector<uchar> scratch;
@@ -257,8 +254,10 @@ void RealData::readPoints()
         for (; it != m_points.end() && int(run.size()) < kBatch && sameLink(it->addr.link); ++it)
             run.push_back(&*it);
         readBatch(run.data(), static_cast<int>(run.size()), scratch, reads);
-        for (size_t i = 0; i < run.size(); ++i)
+        for (size_t i = 0; i < run.size(); ++i) {
             takeRead(*run[i], reads[i]);
+            visit(*run[i]);
+        }
     }
     ++m_passes;
 }
@@ -268,41 +267,52 @@ void RealData::readPoints()
 // A point without a good value is left out: the platform keeps showing the
 // last value the device really sent rather than a made-up one, and gets the
 // point again as soon as it reads.
+bool RealData::appendMessage(QByteArray &out, bool changedOnly, bool nested)
+{
+    QByteArray head("{\"sn_code\":");
+    lumbra::appendJsonString(head, deviceInfo::getInstance()->sn());
+    head.append(",\"data\":[");
+    if (nested)
+        lumbra::appendJsonEscaped(out, head.constData(), head.size());
+    else
+        out.append(head);
+    const int start = out.size();
+    {
+        QMutexLocker lock(&m_mutex);
+        readPoints([&](DataCfg_t &cfg) {
+            const bool unchanged = cfg.passGood && cfg.value == cfg.passValue;
+            cfg.passGood = cfg.good;
+            if (!unchanged)
+                cfg.passValue = cfg.value;
+            if (cfg.good && !(changedOnly && unchanged))
+                appendItem(out, out.size() == start, cfg.code, cfg.value, nested);
+        });
+    }
+    if (!m_uploadFunState || out.size() == start)
+        return false;
+    out.append("]}");
+    return true;
+}
+
 QByteArray RealData::rtdMessage(bool changedOnly)
 {
     QByteArray out;
-    out.append("{\"sn_code\":");
-    lumbra::appendJsonString(out, deviceInfo::getInstance()->sn());
-    out.append(",\"data\":[");
-    const int head = out.size();
-    {
-        QMutexLocker lock(&m_mutex);
-        readPoints();
-        out.reserve(head + m_points.size() * 32 + 2);
-        for (DataCfg_t &cfg : m_points) {
-            const bool unchanged = cfg.passGood && cfg.value == cfg.passValue;
-            cfg.passGood = cfg.good;
-            copyInPlace(cfg.passValue, cfg.value);
-            if (!cfg.good || (changedOnly && unchanged))
-                continue;
-            appendItem(out, out.size() == head, cfg.code, cfg.value);
-        }
-    }
-    if (!m_uploadFunState || out.size() == head)
-        return QByteArray();
-    out.append("]}");
-    return out;
+    out.reserve(m_messageBytes);
+    return appendMessage(out, changedOnly, false) ? out : QByteArray();
 }
 
+// The message is written straight into its envelope, escaped as it goes,
+// rather than built whole and escaped into the envelope afterwards.
 void RealData::uploadData(bool changedOnly)
 {
-    const QByteArray text = rtdMessage(changedOnly);
-    if (text.isEmpty())
+    const bool zip = m_compressed;
+    const QString topic = zip ? QStringLiteral("/DevSend/RTDCompress") : QStringLiteral("/DevSend/RTD");
+    QByteArray text = Outbox::envelopeHead(topic, 0, m_messageBytes);
+    if (!appendMessage(text, changedOnly, true))
         return;
-    if (m_compressed)
-        Outbox::getInstance()->postUtf8("/DevSend/RTDCompress", text, true, 0, Outbox::Latest);
-    else
-        Outbox::getInstance()->postUtf8("/DevSend/RTD", text, false, 0, Outbox::Latest);
+    // Some room over the last size: the next upload may be a little longer.
+    m_messageBytes = text.size() + text.size() / 16;
+    Outbox::getInstance()->postEnvelope(topic, std::move(text), zip, Outbox::Latest);
 }
 
 bool RealData::GetDataByCode(const int &code, QString &out)
@@ -311,7 +321,7 @@ bool RealData::GetDataByCode(const int &code, QString &out)
     auto it = m_points.constFind(code);
     if (it == m_points.constEnd() || !it->good)
         return false;
-    out = it->value;
+    out = it->value.toString();
     return true;
 }
 
@@ -321,7 +331,7 @@ bool RealData::pointState(int code, QString *value, bool *good, int *dataType)
     auto it = m_points.constFind(code);
     if (it == m_points.constEnd())
         return false;
-    *value = it->value;
+    *value = it->value.toString();
     *good = it->good;
     if (dataType)
         *dataType = it->dataType;

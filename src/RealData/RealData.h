@@ -7,6 +7,7 @@
 #include "device_comm/communication.h"
 #include "generalFunc/generalFunc.h"
 #include "generalFunc/sleeper.h"
+#include "valuetext.h"
 
 #include <QJsonObject>
 #include <QMap>
@@ -22,12 +23,12 @@ class RealData : public QThread {
 public:
     struct DataCfg_t {
         int code = 0;
-        QString value;  // the last good value's text; empty before the first
+        ValueText value;  // the last good value's text; empty before the first
         bool good = false;  // value is what the device sent on its last read
+        bool passGood = false;
         // As they were at the last upload pass: what "changed" compares with,
         // now that points are read every second and uploaded less often.
-        QString passValue;
-        bool passGood = false;
+        ValueText passValue;
         QString name;
         int dataType = 0;
         int displayType = 0;
@@ -109,8 +110,13 @@ private:
                    std::vector<communication::ValueRead> &reads);
     // The point's text and state after its read.
     static void takeRead(DataCfg_t &cfg, const communication::ValueRead &read);
-    // Called with m_mutex held.
-    void readPoints();
+    // Called with m_mutex held: reads every point, then hands it to visit
+    // while its run is fresh in the cache.
+    template <class Visit>
+    void readPoints(Visit &&visit);
+    // The message of a pass appended to out, as the inside of a JSON string
+    // when nested; false when there is nothing to send.
+    bool appendMessage(QByteArray &out, bool changedOnly, bool nested);
 
     QMutex m_mutex;
     std::atomic<bool> m_uploadFunState{false};
@@ -124,4 +130,5 @@ private:
     std::atomic<bool> m_refreshData{false};
     quint64 m_seenUps = 0;  // the cloud's up count at the last look
     std::atomic<quint64> m_passes{0};
+    std::atomic<int> m_messageBytes{0};  // the last upload's size, to size the next
 };

@@ -138,6 +138,47 @@ TEST(RealDataConfig, PointsTakeTheirLengthFromTheirType)
     EXPECT_EQ(item(0, R"("zoom_ratio":1.5)").zoomRatio, "1.5");
 }
 
+// Texts kept in the record and texts kept apart must behave alike: equal
+// whatever call set them, and the same JSON, also inside another JSON string.
+TEST(RealDataValueText, EveryFormComparesAndWritesAlike)
+{
+    const QString texts[] = {"",
+                             "-12.5",
+                             "123456789012345",  // the longest kept in the record
+                             "1234567890123456",
+                             "say \"hi\"",
+                             "back\\slash",
+                             QString::fromUtf8("23 \xc2\xb0""C"),
+                             "tab\there"};
+    for (const QString &text : texts) {
+        SCOPED_TRACE(text.toStdString());
+        ValueText fromQString;
+        EXPECT_EQ(fromQString.set(text), !text.isEmpty());
+        EXPECT_FALSE(fromQString.set(text));  // the same again is no change
+        ValueText fromLatin1;
+        const QByteArray latin1 = text.toLatin1();
+        fromLatin1.set(latin1.constData(), latin1.size());
+        EXPECT_TRUE(fromLatin1 == fromQString);
+        EXPECT_EQ(fromLatin1.toString(), text);
+
+        QByteArray plain = "[";
+        fromQString.appendJson(plain, false);
+        plain.append(']');
+        EXPECT_EQ(QJsonDocument::fromJson(plain).array().at(0).toString(), text) << plain.constData();
+        QByteArray nested = "[\"";
+        fromQString.appendJson(nested, true);
+        nested.append("\"]");
+        const QByteArray inner = QJsonDocument::fromJson(nested).array().at(0).toString().toUtf8();
+        EXPECT_EQ(QJsonDocument::fromJson("[" + inner + "]").array().at(0).toString(), text) << nested.constData();
+
+        ValueText other;
+        other.set("x", 1);
+        EXPECT_TRUE(other != fromQString);
+        EXPECT_TRUE(other.set(text));
+        EXPECT_TRUE(other == fromQString);
+    }
+}
+
 class RealDataPass : public ::testing::Test {
 protected:
     LogCapture log;

@@ -1,0 +1,40 @@
+// A point's value text. Plain numbers, what most points hold, live in the
+// record itself; a longer text, or one that JSON has to escape, in a QString.
+// A box keeps two of these for each of tens of thousands of points, and a
+// heap block apiece would outweigh the rest of the record.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+class ValueText {
+public:
+    static constexpr int kInline = 15;
+
+    // Both true when the text changed. A text has one form whatever the
+    // call that set it, so equal texts compare equal.
+    bool set(const char *latin1, int size);
+    bool set(const QString &text);
+    QString toString() const;
+    bool isEmpty() const { return m_size == 0; }
+    bool operator==(const ValueText &o) const;
+    bool operator!=(const ValueText &o) const { return !(*this == o); }
+
+    // Appends the text as a JSON string literal; nested writes it as it
+    // stands inside another JSON string (each quote and backslash escaped
+    // once more).
+    void appendJson(QByteArray &out, bool nested) const;
+    // The most bytes appendJson writes for an inline text.
+    static constexpr int kMaxInlineJson = kInline + 4;
+    bool isInline() const { return m_size >= 0; }
+    // An inline text's literal at w, which has kMaxInlineJson bytes; the end.
+    char *writeInline(char *w, bool nested) const;
+
+private:
+    static bool fitsInline(const char *latin1, int size);
+    bool setInline(const char *text, int size);
+
+    QString m_long;  // the text while m_size < 0
+    char m_text[kInline] = {};
+    qint8 m_size = 0;
+};
