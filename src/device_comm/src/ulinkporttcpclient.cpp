@@ -93,22 +93,22 @@ int ULinkPortTcpClient::Recv(QByteArray &buffer, int timeoutMs)
     }
     if (m_socket->state() != QAbstractSocket::ConnectedState)
         return -1;
-    // Qt only learns of new bytes (or of a closed peer) inside a wait when
-    // there is no event loop, so even a zero time-out has to ask.
-    if (m_socket->bytesAvailable() == 0)
-        m_socket->waitForReadyRead(timeoutMs);
-    // Straight into the caller's buffer: a link polls hundreds of times a
-    // second, and a copy through a buffer of its own costs an allocation each.
+    // Bytes Qt read on its own go first.
     const qint64 available = m_socket->bytesAvailable();
-    if (available <= 0)
-        return m_socket->state() == QAbstractSocket::ConnectedState ? 0 : -1;
-    const int at = buffer.size();
-    buffer.resize(at + static_cast<int>(available));
-    const qint64 got = m_socket->read(buffer.data() + at, available);
-    buffer.resize(at + static_cast<int>(qMax<qint64>(got, 0)));
-    if (got <= 0)
-        return m_socket->state() == QAbstractSocket::ConnectedState ? 0 : -1;
-    return static_cast<int>(got);
+    if (available > 0) {
+        const int at = buffer.size();
+        buffer.resize(at + static_cast<int>(available));
+        const qint64 got = m_socket->read(buffer.data() + at, available);
+        buffer.resize(at + static_cast<int>(qMax<qint64>(got, 0)));
+        return static_cast<int>(qMax<qint64>(got, 0));
+    }
+    // Then straight from the socket: one poll and one read a reply, where a
+    // wait through Qt also asks for the size, for each of the hundreds of
+    // requests a link sends a second.
+    const int n = lumbra::net::recvSome(static_cast<int>(m_socket->socketDescriptor()), buffer, timeoutMs);
+    if (n < 0)
+        m_socket->abort();  // closed by the peer, or failed: not connected any more, as Qt would say
+    return n;
 }
 
 int ULinkPortTcpClient::Send(const char *data, int len)
