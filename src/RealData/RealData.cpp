@@ -233,7 +233,7 @@ void RealData::takeRead(DataCfg_t &cfg, const communication::ValueRead &read)
     char ascii[kMaxAsciiText];
     const int n = asciiText(cfg, read.data, read.dataSize, ascii);
     if (n >= 0)
-        cfg.value.set(ascii, n);
+        cfg.value.setPlain(ascii, n);
     else
         cfg.value.set(formatValue(cfg, read.data, read.dataSize, cfg.value.toString()));
 }

@@ -20,12 +20,14 @@ bool ValueText::fitsInline(const char *latin1, int size)
 
 bool ValueText::setInline(const char *text, int size)
 {
-    if (m_size == size && std::memcmp(m_text, text, static_cast<size_t>(size)) == 0)
+    char next[sizeof m_inline] = {};
+    std::memcpy(next, text, static_cast<size_t>(size));
+    next[kInline] = static_cast<char>(size);
+    if (std::memcmp(next, m_inline, sizeof next) == 0)
         return false;
-    if (m_size < 0)
+    if (this->size() < 0)
         m_long = QString();
-    std::memcpy(m_text, text, static_cast<size_t>(size));
-    m_size = static_cast<qint8>(size);
+    std::memcpy(m_inline, next, sizeof next);
     return true;
 }
 
@@ -34,6 +36,11 @@ bool ValueText::set(const char *latin1, int size)
     if (fitsInline(latin1, size))
         return setInline(latin1, size);
     return set(QString::fromLatin1(latin1, size));
+}
+
+bool ValueText::setPlain(const char *ascii, int size)
+{
+    return size <= kInline ? setInline(ascii, size) : set(ascii, size);
 }
 
 bool ValueText::set(const QString &text)
@@ -48,23 +55,24 @@ bool ValueText::set(const QString &text)
         if (i == n && fitsInline(ascii, n))
             return setInline(ascii, n);
     }
-    if (m_size < 0 && m_long == text)
+    if (size() < 0 && m_long == text)
         return false;
     m_long = text;
-    m_size = -1;
+    std::memset(m_inline, 0, sizeof m_inline);
+    m_inline[kInline] = -1;
     return true;
 }
 
 QString ValueText::toString() const
 {
-    return m_size < 0 ? m_long : QString::fromLatin1(m_text, m_size);
+    return size() < 0 ? m_long : QString::fromLatin1(m_inline, size());
 }
 
 bool ValueText::operator==(const ValueText &o) const
 {
-    if (m_size != o.m_size)
+    if (std::memcmp(m_inline, o.m_inline, sizeof m_inline) != 0)
         return false;
-    return m_size < 0 ? m_long == o.m_long : std::memcmp(m_text, o.m_text, static_cast<size_t>(m_size)) == 0;
+    return size() >= 0 || m_long == o.m_long;
 }
 
 char *ValueText::writeInline(char *w, bool nested) const
@@ -72,8 +80,8 @@ char *ValueText::writeInline(char *w, bool nested) const
     if (nested)
         *w++ = '\\';
     *w++ = '"';
-    std::memcpy(w, m_text, static_cast<size_t>(m_size));
-    w += m_size;
+    std::memcpy(w, m_inline, static_cast<size_t>(size()));
+    w += size();
     if (nested)
         *w++ = '\\';
     *w++ = '"';
@@ -82,7 +90,7 @@ char *ValueText::writeInline(char *w, bool nested) const
 
 void ValueText::appendJson(QByteArray &out, bool nested) const
 {
-    if (m_size >= 0) {
+    if (size() >= 0) {
         const int at = out.size();
         out.resize(at + kMaxInlineJson);
         out.resize(static_cast<int>(writeInline(out.data() + at, nested) - out.constData()));

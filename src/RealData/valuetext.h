@@ -15,8 +15,11 @@ public:
     // call that set it, so equal texts compare equal.
     bool set(const char *latin1, int size);
     bool set(const QString &text);
+    // For ASCII text without controls, quotes or backslashes (the digits
+    // of a number): no look at each byte.
+    bool setPlain(const char *ascii, int size);
     QString toString() const;
-    bool isEmpty() const { return m_size == 0; }
+    bool isEmpty() const { return size() == 0; }
     bool operator==(const ValueText &o) const;
     bool operator!=(const ValueText &o) const { return !(*this == o); }
 
@@ -26,15 +29,17 @@ public:
     void appendJson(QByteArray &out, bool nested) const;
     // The most bytes appendJson writes for an inline text.
     static constexpr int kMaxInlineJson = kInline + 4;
-    bool isInline() const { return m_size >= 0; }
+    bool isInline() const { return size() >= 0; }
     // An inline text's literal at w, which has kMaxInlineJson bytes; the end.
     char *writeInline(char *w, bool nested) const;
 
 private:
     static bool fitsInline(const char *latin1, int size);
     bool setInline(const char *text, int size);
+    int size() const { return static_cast<qint8>(m_inline[kInline]); }
 
-    QString m_long;  // the text while m_size < 0
-    char m_text[kInline] = {};
-    qint8 m_size = 0;
+    QString m_long;  // the text while size() < 0
+    // The text, zero past its end, and last its size (-1: the text is
+    // m_long): two texts compare as two machine words.
+    char m_inline[kInline + 1] = {};
 };

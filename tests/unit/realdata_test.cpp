@@ -177,6 +177,14 @@ TEST(RealDataValueText, EveryFormComparesAndWritesAlike)
         EXPECT_TRUE(other.set(text));
         EXPECT_TRUE(other == fromQString);
     }
+    for (const char *number : {"-12.5", "1234567890123456"}) {  // numbers skip the look at each byte
+        ValueText plain;
+        ValueText general;
+        EXPECT_TRUE(plain.setPlain(number, int(std::strlen(number))));
+        general.set(QString(number));
+        EXPECT_TRUE(plain == general) << number;
+        EXPECT_EQ(plain.toString(), number);
+    }
 }
 
 class RealDataPass : public ::testing::Test {
