@@ -307,7 +307,9 @@ void RealData::uploadData(bool changedOnly)
 {
     const bool zip = m_compressed;
     const QString topic = zip ? QStringLiteral("/DevSend/RTDCompress") : QStringLiteral("/DevSend/RTD");
-    QByteArray text = Outbox::envelopeHead(topic, 0, m_messageBytes);
+    // The first upload's guess: a plain number's item, escaped, is about 30 bytes.
+    const int guess = m_messageBytes > 0 ? m_messageBytes.load() : 32 * m_points.size();
+    QByteArray text = Outbox::envelopeHead(topic, 0, guess);
     if (!appendMessage(text, changedOnly, true))
         return;
     // Some room over the last size: the next upload may be a little longer.

@@ -7,9 +7,23 @@
 #include <QByteArray>
 #include <QString>
 
+#include <cstring>
+
 class ValueText {
 public:
     static constexpr int kInline = 15;
+
+    ValueText() = default;
+    ValueText(const ValueText &o) = default;
+    // Touches the separate text only when one side has one: a copy of a
+    // number is a copy of two words.
+    ValueText &operator=(const ValueText &o)
+    {
+        if (size() < 0 || o.size() < 0)
+            m_long = o.m_long;
+        std::memcpy(m_inline, o.m_inline, sizeof m_inline);
+        return *this;
+    }
 
     // Both true when the text changed. A text has one form whatever the
     // call that set it, so equal texts compare equal.
