@@ -21,23 +21,25 @@
 class RealData : public QThread {
     Q_OBJECT
 public:
+    // The numbers together, then the texts: no padding between them, in a
+    // record kept for each of tens of thousands of points.
     struct DataCfg_t {
         int code = 0;
-        ValueText value;  // the last good value's text; empty before the first
+        int dataType = 0;
+        int displayType = 0;
+        int writeable = 0;
+        int totalDigits = 0;
+        int decimalDigits = 0;
+        int dealType = 0;
         bool good = false;  // value is what the device sent on its last read
         bool passGood = false;
+        ValueText value;  // the last good value's text; empty before the first
         // As they were at the last upload pass: what "changed" compares with,
         // now that points are read every second and uploaded less often.
         ValueText passValue;
         QString name;
-        int dataType = 0;
-        int displayType = 0;
-        int writeable = 0;
         QString maxValue;
         QString minValue;
-        int totalDigits = 0;
-        int decimalDigits = 0;
-        int dealType = 0;
         QString zoomRatio;
         QString zoomOffset;
         AddressInfo addr;

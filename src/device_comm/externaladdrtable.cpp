@@ -66,10 +66,18 @@ std::vector<KEY_ADDRESS> ExternalAddrTable::forLink(const QString &link) const
     std::vector<KEY_ADDRESS> all;
     {
         QMutexLocker lock(&m_mutex);
-        for (const QVector<ExternalAddr> &list : m_byType)
-            for (const ExternalAddr &a : list)
-                if (a.link == link)
-                    all.push_back(a.key());
+        const auto onLink = [&](const auto &take) {
+            for (const QVector<ExternalAddr> &list : m_byType)
+                for (const ExternalAddr &a : list)
+                    if (a.link == link)
+                        take(a);
+        };
+        // Counted first: an address is 128 bytes here, and a vector grown by
+        // doubling holds three times the list for a moment at start-up.
+        size_t count = 0;
+        onLink([&count](const ExternalAddr &) { ++count; });
+        all.reserve(count);
+        onLink([&all](const ExternalAddr &a) { all.push_back(a.key()); });
     }
     std::vector<int> order(all.size());
     std::iota(order.begin(), order.end(), 0);
@@ -79,10 +87,11 @@ std::vector<KEY_ADDRESS> ExternalAddrTable::forLink(const QString &link) const
     for (size_t i = 1; i < order.size(); ++i)
         if (sameAddress(all[size_t(order[i - 1])], all[size_t(order[i])]))
             repeated[size_t(order[i])] = 1;
-    std::vector<KEY_ADDRESS> out;
-    out.reserve(all.size());
+    // Kept in place, in their order: a second vector would hold them twice.
+    size_t kept = 0;
     for (size_t i = 0; i < all.size(); ++i)
         if (!repeated[i])
-            out.push_back(all[i]);
-    return out;
+            all[kept++] = all[i];
+    all.resize(kept);
+    return all;
 }
