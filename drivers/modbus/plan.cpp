@@ -88,6 +88,9 @@ std::vector<Entry> pollEntries(const KEY_ADDRESS *list, int count, int defaultSt
                                const AddressFormat &format)
 {
     std::vector<Entry> entries;
+    // Sized once: grown by doubling, a list of ten thousand entries would hold
+    // half as much again for a moment, and keep up to twice its size.
+    entries.reserve(static_cast<size_t>(list && count > 0 ? count : 0));
     for (int i = 0; list && i < count; ++i) {
         Entry e;
         if (keyEntry(list[i], defaultStation, canPollBroadcast, format, false, &e))
