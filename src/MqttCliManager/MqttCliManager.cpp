@@ -4,6 +4,8 @@
 #include "mqttpayload.h"
 #include "mqtttopic.h"
 
+#include "RealData/RealData.h"
+
 #include "generalFunc/boxpath.h"
 #include "generalFunc/globals.h"
 #include "generalFunc/jsonvalue.h"
@@ -88,6 +90,8 @@ void MqttCliManager::init()
 {
     QMutexLocker lock(&m_mutex);
     clear();
+    // Only forwarding reads the points between the uploads.
+    RealData::getInstance()->setReadBetweenUploads(false);
     QJsonObject root;
     if (!readFile(&root))
         return;
@@ -102,6 +106,7 @@ void MqttCliManager::init()
     const QString disk = lumbra::boxPath(kDiskCacheDir);
     zlog_info(g_zlog, "cache dir %s exists:%d, %s exists:%d", local8(disk).constData(), QDir(disk).exists() ? 1 : 0,
               kLocalCacheDir, QDir(kLocalCacheDir).exists() ? 1 : 0);
+    RealData::getInstance()->setReadBetweenUploads(!m_clients.isEmpty());
     for (MqttClient *c : qAsConst(m_clients)) {
         c->init();
         c->start();

@@ -184,11 +184,13 @@ void RealData::run()
             m_seenUps = ups;
             m_refreshData = true;
         }
-        // Read every second all the same: forwarding topics publish values
-        // of their own period, and must not repeat a stale one.
+        // Read every second all the same when forwarding topics publish
+        // values of their own period: they must not repeat a stale one.
         if (every > 0 && (tick - 1) % every != 0) {
-            QMutexLocker lock(&m_mutex);
-            readPoints([](DataCfg_t &) {});
+            if (m_readBetweenUploads) {
+                QMutexLocker lock(&m_mutex);
+                readPoints([](DataCfg_t &) {});
+            }
             continue;
         }
         // exchange(): a status notification during the pass asks for the next one.

@@ -69,8 +69,10 @@ public:
     // last read confirmed it and its value type; false for an unknown code.
     bool pointState(int code, QString *value, bool *good, int *dataType = nullptr);
     // Passes that read the points since start: every second, whatever the
-    // upload interval, so that readers of the values see them current.
+    // upload interval, while there are readers between uploads (forwarding
+    // clients) that must see the values current; otherwise once an upload.
     quint64 passes() const { return m_passes; }
+    void setReadBetweenUploads(bool on) { m_readBetweenUploads = on; }
     QMap<int, DataCfg_t> &codeDataMap() { return m_points; }
     bool DataCfgOpt(const int &code, const DataCfg_t &cfg, const AddrOpt &op);
     bool externalAddr();
@@ -132,5 +134,6 @@ private:
     std::atomic<bool> m_refreshData{false};
     quint64 m_seenUps = 0;  // the cloud's up count at the last look
     std::atomic<quint64> m_passes{0};
+    std::atomic<bool> m_readBetweenUploads{true};
     std::atomic<int> m_messageBytes{0};  // the last upload's size, to size the next
 };
