@@ -160,6 +160,12 @@ bool RealData::load()
     zlog_info(g_zlog, "RTD code list:%s", codes.constData());
     if (codes.isEmpty())
         return false;
+    {
+        // The first upload's size, guessed: a plain number's item, escaped,
+        // is about 30 bytes.
+        QMutexLocker lock(&m_mutex);
+        m_messageBytes = 32 * m_points.size();
+    }
     externalAddr();
     return true;
 }
@@ -309,9 +315,7 @@ void RealData::uploadData(bool changedOnly)
 {
     const bool zip = m_compressed;
     const QString topic = zip ? QStringLiteral("/DevSend/RTDCompress") : QStringLiteral("/DevSend/RTD");
-    // The first upload's guess: a plain number's item, escaped, is about 30 bytes.
-    const int guess = m_messageBytes > 0 ? m_messageBytes.load() : 32 * m_points.size();
-    QByteArray text = Outbox::envelopeHead(topic, 0, guess);
+    QByteArray text = Outbox::envelopeHead(topic, 0, m_messageBytes);
     if (!appendMessage(text, changedOnly, true))
         return;
     // Some room over the last size: the next upload may be a little longer.
