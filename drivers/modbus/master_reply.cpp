@@ -2,6 +2,7 @@
 #include "master.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -23,8 +24,14 @@ int Master::onReply(const uint8_t *data, int len, char *text, int textSize)
         writeText(text, textSize, "");
         return LUMBRA_RESULT_INCOMPLETE;
     }
-    if (text && textSize > 0)
-        std::snprintf(text, static_cast<size_t>(textSize), "%d", m_ex.station);
+    if (text && textSize > 0) {
+        // Every reply: digits written directly, not through printf.
+        char digits[16];
+        const auto end = std::to_chars(digits, digits + sizeof digits, m_ex.station).ptr;
+        const int n = std::min(static_cast<int>(end - digits), textSize - 1);
+        std::memcpy(text, digits, static_cast<size_t>(n));
+        text[n] = '\0';
+    }
     if (!data || len <= 0)
         return noReply();
     Scan s = scan(data, len);
