@@ -10,7 +10,6 @@
 
 namespace {
 
-const int kDefaultSendTimeoutMs = 1000;
 
 // Connects with a time-out; -1 and errno on failure. The socket stays
 // non-blocking: sends wait for room with a time-out of their own.
@@ -78,8 +77,7 @@ int ULinkFreePortTcpClient::Recv(QByteArray &buffer, int timeoutMs)
 int ULinkFreePortTcpClient::Send(const char *data, int len)
 {
     QMutexLocker lock(&m_mutex);
-    const int timeoutMs = m_linkPar.timeout1 > 0 ? m_linkPar.timeout1 : kDefaultSendTimeoutMs;
-    int n = lumbra::net::sendAll(m_fd.get(), data, len, timeoutMs);
+    int n = lumbra::net::sendAll(m_fd.get(), data, len, sendWaitMs());
     if (n < 0 && m_fd.valid()) {
         // Part of the bytes may have gone: the stream is out of step, so
         // the script starts again on a fresh connection (Reset).

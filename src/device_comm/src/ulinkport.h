@@ -72,6 +72,10 @@ public:
     static void ReleasePort(ULinkPort *port);
 
 protected:
+    // How long a send may wait for room in the socket before the port counts
+    // as failed, so that a peer that stops reading cannot hold the link.
+    int sendWaitMs() const { return m_linkPar.timeout1 > 0 ? m_linkPar.timeout1 : 1000; }
+
     LinkValue m_linkPar;
     void *m_clientDataCB = nullptr;
     void *m_clientDataContext = nullptr;

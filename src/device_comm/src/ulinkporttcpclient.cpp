@@ -121,9 +121,12 @@ int ULinkPortTcpClient::Send(const char *data, int len)
         return 0;
     if (m_socket->state() != QAbstractSocket::ConnectedState)
         return -1;
-    qint64 n = m_socket->write(data, len);
-    m_socket->flush();
-    return static_cast<int>(n);
+    // Straight to the socket, as replies are read: a write through Qt arms and
+    // disarms its write notifier for each request.
+    const int n = lumbra::net::sendAll(static_cast<int>(m_socket->socketDescriptor()), data, len, sendWaitMs());
+    if (n < 0)
+        m_socket->abort();  // the stream is out of step, or gone: Reset connects afresh
+    return n;
 }
 
 int ULinkPortTcpClient::Reset()
