@@ -1,6 +1,4 @@
-#include "generalFunc/boxpath.h"
 #include "generalFunc/generalFunc.h"
-#include "generalFunc/globals.h"
 #include "generalFunc/secrets.h"
 #include "testsupport.h"
 
@@ -174,33 +172,6 @@ TEST(TimeZone, ReadsOffsetOrFallsBack)
         EXPECT_EQ(unitTool::cultimezone(), c.expected) << (c.content ? c.content : "(none)");
         EXPECT_TRUE(log.contains(QString("timezone:%1").arg(c.expected)));
     }
-}
-
-TEST(Version, DefaultAndFromBoxIni)
-{
-    {
-        BoxRoot box;
-        EXPECT_EQ(unitTool::IotVersion(), "3.0.0");
-        box.write("/usr/brenta/iot_work/iot_config.ini", "version=4.2.1\n");
-        EXPECT_EQ(unitTool::IotVersion(), "4.2.1");
-    }
-    EXPECT_EQ(lumbra::boxPath("/usr/brenta/x"), "/usr/brenta/x");
-}
-
-TEST(Processes, CountsByName)
-{
-    LogCapture log;
-    EXPECT_EQ(unitTool::CheckProcessNum("no-such-process-lumbra"), 0);
-    // This test binary runs under its own name.
-    EXPECT_GE(unitTool::CheckProcessNum("generalfunc_test"), 1);
-}
-
-TEST(AgentUrl, DefaultAndOverride)
-{
-    unsetenv("LUMBRA_AGENT_URL");
-    EXPECT_EQ(lumbra::agentUrl(), "tcp://127.0.0.1:24401");
-    setenv("LUMBRA_AGENT_URL", "tcp://127.0.0.1:5555", 1);
-    EXPECT_EQ(lumbra::agentUrl(), "tcp://127.0.0.1:5555");
 }
 
 // Each line is what reaches a log: the secret must go, everything else stay.

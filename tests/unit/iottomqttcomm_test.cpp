@@ -117,9 +117,7 @@ TEST_F(AgentBridge, UploadsTravelInTheAgentsEnvelope)
 
     QJsonObject env = s_peer->receiveEnvelope(3000);
     EXPECT_EQ(env.value("topic").toString(), "/GW0042_" + g_IotVersion + "/DevSend/RTD");
-    EXPECT_TRUE(env.value("qos").isDouble());
     EXPECT_EQ(env.value("qos").toInt(), 1);
-    EXPECT_TRUE(env.value("msg").isString());
     EXPECT_EQ(env.value("msg").toString(), "{\"a\":1}");
     EXPECT_TRUE(env.value("zip").isBool() && env.value("zip").toBool());
     EXPECT_EQ(env.size(), 4);
@@ -153,7 +151,6 @@ TEST_F(AgentBridge, DispatchesOnlyExactKnownTopicsAndOutlivesBadMessages)
 {
     LogCapture log;
     handled(true);
-    EXPECT_EQ(MqttMsgEvent::MqttDealMap.size(), 17);
     const char *const messages[] = {
         "not json {",
         "[1,2]",

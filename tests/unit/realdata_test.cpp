@@ -116,28 +116,6 @@ TEST(RealDataFormat, WriteScalingUndoesReadScaling)
     EXPECT_DOUBLE_EQ(RealData::setZoom(point(4, 2), 1234), 1234);  // BCD is never divided
 }
 
-TEST(RealDataConfig, PointsTakeTheirLengthFromTheirType)
-{
-    auto item = [](int type, const char *rest) {
-        return RealData::pointFromJson(QJsonDocument::fromJson(QString(R"({"data_code":"12","data_type":%1,%2,
-            "data_readAddress":{"link":"nowhere","block":"4X","no":"7","sta":"3","length":5}})")
-                                                                   .arg(type)
-                                                                   .arg(rest)
-                                                                   .toUtf8())
-                                           .object());
-    };
-    RealData::DataCfg_t s = item(7, R"("data_totalDigits":300)");
-    EXPECT_EQ(s.totalDigits, 128);
-    EXPECT_EQ(s.addr.length, 64);
-    EXPECT_EQ(s.code, 12);
-    EXPECT_EQ(s.addr.station, 3);
-    EXPECT_EQ(s.addr.index, -1);  // the link does not exist: kept, unresolved
-    for (int type : {1, 3, 5, 6})
-        EXPECT_EQ(item(type, R"("data_totalDigits":0)").addr.length, 2) << type;
-    EXPECT_EQ(item(0, R"("zoom_ratio":1.5)").addr.length, 5);
-    EXPECT_EQ(item(0, R"("zoom_ratio":1.5)").zoomRatio, "1.5");
-}
-
 // Texts kept in the record and texts kept apart must behave alike: equal
 // whatever call set them, and the same JSON, also inside another JSON string.
 TEST(RealDataValueText, EveryFormComparesAndWritesAlike)
