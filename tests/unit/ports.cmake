@@ -1,5 +1,5 @@
 lumbra_add_test(serialport_test
-  SOURCES serialport_test.cpp serialposix_test.cpp ulinkport_test.cpp
+  SOURCES serialport_test.cpp serialposix_test.cpp
   LIBS lumbra_device_comm)
 
 lumbra_add_test(netports_test SOURCES netports_test.cpp LIBS lumbra_device_comm)

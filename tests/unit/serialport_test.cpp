@@ -113,29 +113,6 @@ TEST(SerialSetup, UnusableTextsOrDevicesGiveNoPort)
     }
 }
 
-TEST(SerialSetup, OnlyVelorBoardsHaveTheSpecialCom3)
-{
-    struct Case {
-        const char *configIni;  // null: no file
-        const char *device;
-        bool velor;
-    } cases[] = {
-        {"MODEL=VELOR-10\n", "/dev/ttyO3", true},
-        {"[General]\nMODEL=hmi velor s\n", "/dev/ttyO3", true},
-        {"MODEL=VELOR-10\n", "/dev/ttyO5", false},
-        {"MODEL=A100\n", "/dev/ttyO3", false},
-        {nullptr, "/dev/ttyO3", false},
-    };
-    for (const Case &c : cases) {
-        LogCapture log;
-        BoxRoot box;
-        if (c.configIni)
-            box.write("/usr/brenta/config.ini", c.configIni);
-        EXPECT_EQ(ULinkPortSerial::isVELOR_COM3(c.device), c.velor) << c.device;
-        EXPECT_TRUE(log.contains(QString(" isVELOR_COM3:") + (c.velor ? "true" : "false")));
-    }
-}
-
 TEST(SerialSetup, VelorCom3IsAlwaysRs485)
 {
     LogCapture log;

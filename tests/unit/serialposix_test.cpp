@@ -7,26 +7,6 @@
 
 using namespace lumbra::test;
 
-namespace {
-
-termios lineOf(const Posix_QextSerialPort &port)
-{
-    termios t{};
-    EXPECT_EQ(::tcgetattr(port.getSerFd(), &t), 0);
-    return t;
-}
-
-class SerialPosix : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(pty.ok()) << pty.log().toStdString(); }
-
-    LogCapture log;
-    BoxRoot box;
-    PtyPair pty{box.path() + "/dev/ttyO1", box.path() + "/peer"};
-};
-
-}  // namespace
-
 TEST(SerialSettings, TermiosCarriesEverySettingInRawMode)
 {
     LogCapture log;
@@ -66,24 +46,12 @@ TEST(SerialSettings, TermiosCarriesEverySettingInRawMode)
     EXPECT_TRUE(log.contains("test: 9 data bits not supported, using 8"));
 }
 
-// A pty forces CS8 and no parity but keeps speed, stop bits and flow control.
-TEST_F(SerialPosix, SettersChangeAnOpenLine)
+TEST(SerialPosix, Rs485WithoutKernelSupportIsReportedAndFreesRts)
 {
-    Posix_QextSerialPort port(pty.linkA());
-    ASSERT_TRUE(port.open(QIODevice::ReadWrite));
-    EXPECT_TRUE(port.setBaudRate(115200));
-    EXPECT_TRUE(port.setStopBits(2));
-    EXPECT_TRUE(port.setFlowControl(FLOW_HARDWARE));
-    termios t = lineOf(port);
-    EXPECT_EQ(cfgetospeed(&t), speed_t(B115200));
-    EXPECT_EQ(t.c_cflag & (CSTOPB | CRTSCTS), tcflag_t(CSTOPB | CRTSCTS));
-    EXPECT_TRUE(port.setBaudRate(7));
-    t = lineOf(port);
-    EXPECT_EQ(cfgetospeed(&t), speed_t(B9600));
-}
-
-TEST_F(SerialPosix, Rs485WithoutKernelSupportIsReportedAndFreesRts)
-{
+    LogCapture log;
+    BoxRoot box;
+    PtyPair pty(box.path() + "/dev/ttyO1", box.path() + "/peer");
+    ASSERT_TRUE(pty.ok()) << pty.log().toStdString();
     PortSettings s;
     s.flowControl = FLOW_HARDWARE;
     Posix_QextSerialPort port(pty.linkA(), s);
@@ -94,14 +62,8 @@ TEST_F(SerialPosix, Rs485WithoutKernelSupportIsReportedAndFreesRts)
     EXPECT_TRUE(log.contains(pty.linkA() + ": kernel does not switch the RS-485 direction"));
     // RTS belongs to the transceiver now.
     EXPECT_EQ(port.settings().flowControl, FLOW_OFF);
-    EXPECT_EQ(lineOf(port).c_cflag & CRTSCTS, 0u);
+    termios t{};
+    ASSERT_EQ(::tcgetattr(port.getSerFd(), &t), 0);
+    EXPECT_EQ(t.c_cflag & CRTSCTS, 0u);
 }
 
-TEST(SerialLayer, UngetCharSaysItIsMeaningless)
-{
-    LogCapture log;
-    Posix_QextSerialPort port("/dev/null");
-    port.ungetChar('x');
-    EXPECT_TRUE(log.contains("Posix_QextSerialPort: ungetChar() called on an unbuffered sequential device - "
-                             "operation is meaningless"));
-}
