@@ -287,8 +287,6 @@ TEST(ModbusPlugin, TwoLoadedCopiesKeepSeparateState)
     EXPECT_EQ(f2.data[1], 5) << "the second copy writes its coil";
 }
 
-// Whatever arrives on the line or through the API, the driver answers with a
-// result code and keeps polling.
 TEST(ModbusPlugin, SurvivesRandomRepliesAndArguments)
 {
     for (const char *path : {MODBUS_RTU_SO, MODBUS_TCP_SO}) {

@@ -208,10 +208,11 @@ inline int receiveReply(Driver &d, int fd)
     }
 }
 
-// One exchange with a peer on fd as the link thread runs it: drop stale
-// input, frame out, reply in (tampered with if asked). Returns the driver's
-// result, 0 when it had nothing to send, kSentWithoutReply for a broadcast.
-inline int exchange(Driver &d, int fd, const std::function<void(Bytes &)> &tamper = {}, FRAME_PRO *sent = nullptr)
+// One exchange as the link thread runs it: frame out, then `carry` takes it
+// to the peer and the reply back. Returns the driver's result, 0 when it had
+// nothing to send, kSentWithoutReply for a broadcast.
+template <typename Carry>
+int exchangeBy(Driver &d, FRAME_PRO *sent, Carry carry)
 {
     FRAME_PRO frame{};
     int kind = d.getSendFrame(&frame);
@@ -219,16 +220,24 @@ inline int exchange(Driver &d, int fd, const std::function<void(Bytes &)> &tampe
         return 0;
     if (sent)
         *sent = frame;
-    receive(fd, 0);
-    if (write(fd, frame.data, static_cast<size_t>(frame.len)) != frame.len)
-        return -1;
-    if (kind == LUMBRA_FRAME_NO_REPLY)
-        return kSentWithoutReply;
-    if (!tamper)
-        return receiveReply(d, fd);
-    Bytes reply = receive(fd, kReplyTimeoutMs);
-    tamper(reply);
-    return deliver(d, reply);
+    return carry(frame, kind == LUMBRA_FRAME_NO_REPLY);
+}
+
+// With a peer on fd: stale input dropped first, the reply tampered with if asked.
+inline int exchange(Driver &d, int fd, const std::function<void(Bytes &)> &tamper = {}, FRAME_PRO *sent = nullptr)
+{
+    return exchangeBy(d, sent, [&](const FRAME_PRO &frame, bool noReply) {
+        receive(fd, 0);
+        if (write(fd, frame.data, static_cast<size_t>(frame.len)) != frame.len)
+            return -1;
+        if (noReply)
+            return kSentWithoutReply;
+        if (!tamper)
+            return receiveReply(d, fd);
+        Bytes reply = receive(fd, kReplyTimeoutMs);
+        tamper(reply);
+        return deliver(d, reply);
+    });
 }
 
 // A device inside the test: holding registers and coils that exist answer,
@@ -329,22 +338,18 @@ private:
     }
 };
 
-// One exchange with a FakeDevice: the same steps as exchange() without a line.
+// With a FakeDevice: the same steps without a line.
 inline int exchange(Driver &d, FakeDevice &dev, const std::function<void(Bytes &)> &tamper = {},
                     FRAME_PRO *sent = nullptr)
 {
-    FRAME_PRO frame{};
-    int kind = d.getSendFrame(&frame);
-    if (!kind || frame.len < 1 || frame.len >= LUMBRA_FRAME_SIZE)
-        return 0;
-    if (sent)
-        *sent = frame;
-    Bytes reply = dev.answer(frame);
-    if (kind == LUMBRA_FRAME_NO_REPLY)
-        return kSentWithoutReply;
-    if (tamper)
-        tamper(reply);
-    return deliver(d, reply);
+    return exchangeBy(d, sent, [&](const FRAME_PRO &frame, bool noReply) {
+        Bytes reply = dev.answer(frame);
+        if (noReply)
+            return kSentWithoutReply;
+        if (tamper)
+            tamper(reply);
+        return deliver(d, reply);
+    });
 }
 
 }  // namespace modbus_test

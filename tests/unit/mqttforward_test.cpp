@@ -284,8 +284,6 @@ TEST(ForwardCache, RowsLeaveInOrderAndAFullCacheLosesItsOldest)
     EXPECT_LE(QFileInfo(path).size(), 8192);
 }
 
-// A cache an older version named by the client id is taken over, and
-// deleting from an empty one succeeds and leaves the file compact.
 TEST(ForwardCache, TakesOverAnOldFileAndDeletesFromAnEmptyOne)
 {
     LogCapture log;
