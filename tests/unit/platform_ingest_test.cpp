@@ -113,7 +113,6 @@ TEST_F(IngestTest, CompressedUploadsAreInflated)
     EXPECT_EQ(totalFaults(), 0u);
 }
 
-// The answers to a gateway's configuration requests, from its folder.
 TEST_F(IngestTest, ConfigurationRequestsAreAnsweredFromTheFolder)
 {
     const QString folder = dir.path() + "/config/SN1";
