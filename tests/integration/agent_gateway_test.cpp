@@ -1,5 +1,4 @@
 // The real gateway under lumbra-agent, with a real mosquitto as the cloud:
-// a cloud command reaches the gateway's dispatch and its answer the broker,
 // the gateway's own restart request (after a configuration change) brings up
 // a new process that still holds its unacknowledged history, and a gateway
 // running on its own notices an agent that restarts.
@@ -21,9 +20,6 @@
 using namespace lumbra::test;
 
 namespace {
-
-const char kPoint[] = R"({"data_code":%1,"data_type":0,"data_readAddress":)"
-                      R"({"link":"PLC1","block":"4X","no":"%2","sta":1,"length":1}})";
 
 // Group 1 samples every second; a rising edge on coil 5 samples group 2.
 const char kHistory[] = R"({"upload_func_state":true,"compressed":false,"data":[
@@ -75,37 +71,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(SupervisedGateway, ACloudCommandReachesTheGatewayAndItsAnswerTheBroker)
-{
-    box.slave().setHolding(0, 11);
-    box.slave().setHolding(1, 22);
-    box.writeConfig("RealTimeConfiguration.json",
-                    QString(R"({"upload_func_state":true,"global_upload_time":1,"data":[%1]})")
-                        .arg(QString(kPoint).arg(1).arg(0))
-                        .toUtf8());
-    ASSERT_TRUE(startGateway());
-    // Announcing itself means the gateway heard from the agent that the cloud is up.
-    ASSERT_FALSE(sent("/DevSend/DevConfigReq", 1, 15000).isEmpty()) << log();
-
-    const QString add = QString(R"({"operation_type":"add","data":[%1]})").arg(QString(kPoint).arg(2).arg(1));
-    ASSERT_TRUE(cloud->publish(topic("/DevRecv/OnlineRTDSet"), add.toUtf8()));
-    const auto addAcked = [&] {
-        for (const QJsonObject &ack : sent("/DevSend/OnlineRTDSetAck", 1, 100))
-            if (ack.value("data_index").toString() == "2" && ack.value("operation_type").toString() == "add")
-                return ack.value("operation_result").toInt() == 1;
-        return false;
-    };
-    EXPECT_TRUE(eventually(addAcked, 8000)) << log();
-    const auto uploadsNewPoint = [&] {
-        const QList<QJsonObject> rtd = sent("/DevSend/RTD", 1, 100);
-        for (const QJsonValue &v : rtd.value(rtd.size() - 1).value("data").toArray())
-            if (v["code"].toInt() == 2)
-                return v["data"].toString() == "22";
-        return false;
-    };
-    EXPECT_TRUE(eventually(uploadsNewPoint, 8000)) << log();
-}
 
 TEST_F(SupervisedGateway, ItsRestartRequestRestartsItWithTheUnacknowledgedHistoryKept)
 {

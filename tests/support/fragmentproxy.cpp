@@ -343,12 +343,6 @@ int FragmentProxy::port() const
     return m_impl->port;
 }
 
-void FragmentProxy::setMode(Mode mode)
-{
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
-    m_impl->shape.mode = mode;
-}
-
 void FragmentProxy::setShape(const Shape &shape)
 {
     std::lock_guard<std::mutex> lock(m_impl->mutex);

@@ -49,7 +49,6 @@ public:
     bool ok() const;
     int port() const;
     // Changes apply to the chunks the device sends from now on.
-    void setMode(Mode mode);
     void setShape(const Shape &shape);
     // A dead device still gets the requests, but its replies are swallowed
     // and the connections stay open, as with a slave that died behind a
