@@ -22,41 +22,50 @@ QByteArray linkJson(const char *name, const char *type, const char *driver)
         .toUtf8();
 }
 
+// A gateway process on its own working directory and box root.
+struct Run {
+    QTemporaryDir work, root;
+    ChildProcess gw;
+    Run() { writeFile(work.path() + "/zlog.conf", kConf); }
+    void write(const QString &file, const QByteArray &text) { writeFile(work.path() + "/iotRunTime/" + file, text); }
+    bool start()
+    {
+        gw.setEnv("LUMBRA_SYSROOT", root.path());
+        return gw.start(gatewayBinary(), {}, work.path());
+    }
+};
+
 }  // namespace
 
 TEST(GatewayLinks, BrokenDriverEndsOnlyItsOwnLink)
 {
-    QTemporaryDir work, root;
-    PtyPair line(root.path() + "/dev/ttyO1", root.path() + "/slave");
+    Run run;
+    ChildProcess &gw = run.gw;
+    const QString root = run.root.path();
+    PtyPair line(root + "/dev/ttyO1", root + "/slave");
     ASSERT_TRUE(line.ok()) << line.log().toStdString();
     auto slave = ModbusSlave::rtu(line.linkB(), 115200, 1);
     ASSERT_TRUE(slave);
-    writeFile(work.path() + "/zlog.conf", kConf);
-    writeFile(work.path() + "/iotRunTime/driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
-    writeFile(work.path() + "/iotRunTime/driver/libbroken.so", "not a library");
-    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
-              "{\"data\":[" + linkJson("PLC1", "COM1", "modbus_rtu") + "," + linkJson("PLC2", "COM2", "broken") +
-                  "]}");
-    ChildProcess gw;
-    gw.setEnv("LUMBRA_SYSROOT", root.path());
-    ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    run.write("driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
+    run.write("driver/libbroken.so", "not a library");
+    run.write("LinkConfiguration.json",
+              "{\"data\":[" + linkJson("PLC1", "COM1", "modbus_rtu") + "," + linkJson("PLC2", "COM2", "broken") + "]}");
+    ASSERT_TRUE(run.start());
     EXPECT_TRUE(gw.waitForOutput("driver link exit :PLC2", 5000)) << gw.output().toStdString();
-    EXPECT_TRUE(gw.output().contains("driver:" + root.path() + "/usr/brenta/project/driver/libbroken_1.so load failed"));
+    EXPECT_TRUE(gw.output().contains("driver:" + root + "/usr/brenta/project/driver/libbroken_1.so load failed"));
     EXPECT_TRUE(gw.output().contains("InitLink Ret:0"));
     // The healthy link has nothing registered yet, so its driver only answers for
     // itself; its port is open and its thread alive.
-    EXPECT_TRUE(QFile::exists(root.path() + "/usr/brenta/project/driver/libmodbus_rtu_0.so"));
+    EXPECT_TRUE(QFile::exists(root + "/usr/brenta/project/driver/libmodbus_rtu_0.so"));
     EXPECT_TRUE(gw.running());
 }
 
 TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
 {
-    QTemporaryDir work, root;
-    writeFile(work.path() + "/zlog.conf", kConf);
-    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json", "{\"data\": [ {\"link_name\": ");
-    ChildProcess gw;
-    gw.setEnv("LUMBRA_SYSROOT", root.path());
-    ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    Run run;
+    ChildProcess &gw = run.gw;
+    run.write("LinkConfiguration.json", "{\"data\": [ {\"link_name\": ");
+    ASSERT_TRUE(run.start());
     EXPECT_TRUE(gw.waitForOutput("iot link File parsing failed", 5000)) << gw.output().toStdString();
     EXPECT_TRUE(gw.waitForOutput("device sn:", 5000));
     EXPECT_TRUE(gw.running());
@@ -64,18 +73,16 @@ TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
 
 TEST(GatewayLinks, TcpServerLinkAnswersClientsFromTheRunningGateway)
 {
-    QTemporaryDir work, root;
+    Run run;
+    ChildProcess &gw = run.gw;
     int port = freeTcpPort();
-    writeFile(work.path() + "/zlog.conf", kConf);
-    writeFile(work.path() + "/iotRunTime/driver/libscripted.so", readFile(SCRIPTED_DRIVER));
-    writeFile(work.path() + "/iotRunTime/LinkConfiguration.json",
+    run.write("driver/libscripted.so", readFile(SCRIPTED_DRIVER));
+    run.write("LinkConfiguration.json",
               QString(R"({"data":[{"link_name":"SRV","link_type":"Ethernet/TCP","master_or_slave":1,
                   "hmi_ip":"127.0.0.1","hmi_port":"%1","link_driver":"scripted","driver_property":"results=6"}]})")
                   .arg(port)
                   .toUtf8());
-    ChildProcess gw;
-    gw.setEnv("LUMBRA_SYSROOT", root.path());
-    ASSERT_TRUE(gw.start(gatewayBinary(), {}, work.path()));
+    ASSERT_TRUE(run.start());
     ASSERT_TRUE(gw.waitForOutput("tcp server listening on 127.0.0.1:", 5000)) << gw.output().toStdString();
     FdEnd client = tcpConnect(port);
     ASSERT_TRUE(client.ok());
