@@ -1,6 +1,4 @@
-// lumbra-agent between a real mosquitto and a nanomsg peer playing the
-// gateway: uploads, compressed uploads, cloud commands, status, broker
-// outages, a gateway that is away, malformed input and bad settings.
+// lumbra-agent between a real mosquitto and a nanomsg peer playing the gateway.
 #include "agentrun.h"
 #include "gatewaypeer.h"
 #include "mosquittobroker.h"

@@ -1,7 +1,4 @@
-// The real gateway under lumbra-agent, with a real mosquitto as the cloud:
-// the gateway's own restart request (after a configuration change) brings up
-// a new process that still holds its unacknowledged history, and a gateway
-// running on its own notices an agent that restarts.
+// The real gateway under lumbra-agent, with a real mosquitto as the cloud.
 #include "agentrun.h"
 #include "gatewaybox.h"
 #include "mosquittobroker.h"

@@ -1,7 +1,4 @@
-// lumbra-agent supervising a gateway command and fighting for its broker:
-// crash loops, refused credentials and failed TLS handshakes back off
-// without spinning, and a gateway that ignores SIGTERM is killed on restart
-// and on stop.
+// lumbra-agent supervising a gateway command and fighting for its broker.
 #include "agentrun.h"
 #include "fdend.h"
 #include "gatewaypeer.h"

@@ -1,6 +1,5 @@
-// The alarm service against real values (a libmodbus slave behind the link
-// manager, or local registers), its store, and a platform played at the
-// outbox that acknowledges what it receives.
+// The alarm service against real values, its store, and a platform played at
+// the outbox.
 #include "AlarmData/AlarmData.h"
 #include "Outbox/Outbox.h"
 #include "IotToMqttComm/MqttMsgEvent.h"

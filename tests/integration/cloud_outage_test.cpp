@@ -1,9 +1,5 @@
 // The whole cloud path through an outage: the gateway on the simulated PLC,
-// lumbra-agent, a real mosquitto and a platform that acknowledges what it
-// gets. The agent is killed for 20 s, or the broker stopped for 60 s, while a
-// value changes every second and an alarm sets and clears three times.
-// History must grow a row a second throughout, and afterwards every sample
-// and every alarm edge must have reached the platform, none stored twice.
+// lumbra-agent, a real mosquitto and a platform that acknowledges what it gets.
 #include "SQLiteDB/SQLiteDB.h"
 #include "ackingcloud.h"
 #include "agentrun.h"

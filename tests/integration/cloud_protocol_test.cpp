@@ -1,6 +1,4 @@
-// The cloud protocol against a platform simulator on a real nanomsg PAIR
-// socket: the synchronisation's request order, repetition and restart
-// decision; upload control; acknowledgements; online script edits.
+// The cloud protocol against a platform simulator on a real nanomsg PAIR socket.
 #include "AlarmData/AlarmData.h"
 #include "HistoricalData/HistoricalData.h"
 #include "IotConfig/IotConfig.h"

@@ -1,7 +1,5 @@
-// The device path against what plants really have, end to end: the link
-// manager, link threads and the reference Modbus drivers against the
-// simulated PLC, reached through a proxy that cuts its replies apart, with
-// holes in its register map, with noise on its serial line, and dead.
+// The device path end to end against the simulated PLC, as plants have it:
+// converters that cut replies apart, holes, line noise, dead devices.
 #include "device_comm/communication.h"
 #include "fdend.h"
 #include "fragmentproxy.h"

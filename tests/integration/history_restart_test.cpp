@@ -1,7 +1,4 @@
-// The gateway killed outright in the middle of a history batch, again and
-// again: before its acknowledgement, just after it, and once it was taken.
-// A row leaves the store only in a batch the platform acknowledged, and
-// every row stored survives until then.
+// The gateway killed outright in the middle of history batches.
 #include "SQLiteDB/SQLiteDB.h"
 #include "gatewaybox.h"
 #include "testsupport.h"

@@ -1,7 +1,5 @@
-// The running gateway with scripts from its working directory and from the
-// platform (a nanomsg peer playing the agent), against a libmodbus slave:
-// scripts that never end, online edits while a script runs, and getdata
-// however a script names the address.
+// The running gateway with scripts, against a libmodbus slave and a nanomsg
+// peer playing the agent.
 #include "gatewaybox.h"
 #include "platformsim.h"
 #include "testsupport.h"

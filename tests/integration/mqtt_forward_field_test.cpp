@@ -1,6 +1,5 @@
-// Forwarding as the field treats it: a broker that starts late, hangs, dies,
-// refuses some messages; two servers with one client id; TLS. With the cache
-// on, every message of a once-a-second topic must arrive once and in order.
+// Forwarding as the field treats it. With the cache on, every message of a
+// once-a-second topic must arrive once and in order.
 #include "mqttforwardfixture.h"
 
 #include "generalFunc/globals.h"

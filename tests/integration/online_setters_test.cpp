@@ -1,6 +1,5 @@
-// The cloud edits points, history groups and alarms of a running gateway and
-// writes device values: in process, with a libmodbus slave as the device and
-// a nanomsg peer as the agent.
+// The cloud's online edits and device writes, in process, against a libmodbus
+// slave and a nanomsg peer as the agent.
 #include "AlarmData/AlarmData.h"
 #include "HistoricalData/HistoricalData.h"
 #include "IotToMqttComm/IotToMqttComm.h"

@@ -1,10 +1,5 @@
 // The whole open stack from an empty box: the simulated PLC, the gateway
-// under lumbra-agent, a real mosquitto and lumbra-platform. The box holds no
-// configuration; it gets all of it from the platform's folder, restarts on
-// it, and then its values show in the API and the event stream, its history
-// (compressed) and flapping alarm are stored once and drain from its tables
-// even across a kill -9 of the platform, and a write from the API reaches the
-// PLC.
+// under lumbra-agent, a real mosquitto and lumbra-platform.
 #include "SQLiteDB/SQLiteDB.h"
 #include "agentrun.h"
 #include "fdend.h"

@@ -85,24 +85,14 @@ protected:
 TEST_F(RealTimeUpload, EveryTypeArrivesFormatted)
 {
     slave->setCoil(5, true);
-    slave->setHolding(0, 65000);
-    slave->setHolding(1, static_cast<uint16_t>(-1234));
-    slave->setHolding(2, 0x0001);  // 100000, high word first
-    slave->setHolding(3, 0x86A0);
-    slave->setHolding(4, 0xFFFF);  // -50
-    slave->setHolding(5, static_cast<uint16_t>(-50));
-    slave->setHolding(6, 0x1234);
-    slave->setHolding(7, 0x12AB);
-    float f = 21.5f;
+    const float f = 21.5f;
     uint32_t bits;
     std::memcpy(&bits, &f, 4);
-    slave->setHolding(8, bits >> 16);
-    slave->setHolding(9, bits & 0xFFFF);
-    // Devices keep text high byte first.
-    slave->setHolding(10, 'P' << 8 | 'u');
-    slave->setHolding(11, 'm' << 8 | 'p');
-    slave->setHolding(12, '0' << 8 | '1');
-    slave->setHolding(13, 100);
+    // 32-bit values high word first (100000, -50, the float), text high byte first.
+    const uint16_t regs[] = {65000, uint16_t(-1234), 0x0001, 0x86A0, 0xFFFF, uint16_t(-50), 0x1234, 0x12AB,
+                             uint16_t(bits >> 16), uint16_t(bits), 'P' << 8 | 'u', 'm' << 8 | 'p', '0' << 8 | '1', 100};
+    for (int i = 0; i < int(std::size(regs)); ++i)
+        slave->setHolding(i, regs[i]);
     start(R"("global_upload_time":0)",
           {pointJson(1, R"("data_type":-1)", "0X", "5"), pointJson(2, R"("data_type":0)", "4X", "0"),
            pointJson(3, R"("data_type":2,"data_devimalDigits":2)", "4X", "1"),
