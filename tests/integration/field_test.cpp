@@ -4,6 +4,7 @@
 #include "fdend.h"
 #include "fragmentproxy.h"
 #include "linkprobe.h"
+#include "modbusmaster.h"
 #include "process.h"
 #include "testsupport.h"
 
@@ -11,7 +12,6 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
-#include <modbus.h>
 
 #include <cstring>
 #include <memory>
@@ -25,14 +25,6 @@ communication *const comm = communication::getInstance();
 
 const int kLinkFailedBit = 60106;  // any Ethernet link
 
-struct MasterFree {
-    void operator()(modbus_t *m) const
-    {
-        modbus_close(m);
-        modbus_free(m);
-    }
-};
-
 // The simulated PLC, and a libmodbus master of the test's own that writes the
 // patterns the gateway must read back (registers and coils 21-99 are left
 // alone by the simulator).
@@ -44,9 +36,8 @@ public:
         if (!m_sim->start(LUMBRA_PLCSIM_BINARY, QStringList{"--tcp", QString::number(m_port)} + extra, m_dir.path()) ||
             !m_sim->waitForOutput("plcsim: Modbus TCP on", 5000))
             return false;
-        m_master.reset(modbus_new_tcp("127.0.0.1", m_port));
-        modbus_set_slave(m_master.get(), 1);
-        return modbus_connect(m_master.get()) == 0;
+        m_master = tcpMaster(m_port);
+        return m_master != nullptr;
     }
     bool startRtu(const QString &link, const QStringList &extra)
     {
@@ -72,7 +63,7 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<ChildProcess> m_sim;
     int m_port = freeTcpPort();
-    std::unique_ptr<modbus_t, MasterFree> m_master;
+    Master m_master;
 };
 
 QString tcpLink(const QString &name, int port, const QString &extra)

@@ -1,5 +1,6 @@
 // lumbra-plcsim from the masters' side.
 #include "fdend.h"
+#include "modbusmaster.h"
 #include "process.h"
 #include "testsupport.h"
 
@@ -9,7 +10,6 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <modbus.h>
 
 #include <cmath>
 #include <cstring>
@@ -22,32 +22,6 @@ using namespace lumbra::test;
 namespace {
 
 const QString kUsageStart = "usage: lumbra-plcsim [--tcp [ADDR:]PORT | --rtu]";
-
-struct MasterFree {
-    void operator()(modbus_t *m) const
-    {
-        modbus_close(m);
-        modbus_free(m);
-    }
-};
-using Master = std::unique_ptr<modbus_t, MasterFree>;
-
-Master connected(modbus_t *raw, int unit, int timeoutMs = 1000)
-{
-    Master m(raw);
-    if (!m)
-        return m;
-    modbus_set_slave(m.get(), unit);
-    modbus_set_response_timeout(m.get(), 0, static_cast<uint32_t>(timeoutMs) * 1000);
-    if (modbus_connect(m.get()) != 0)
-        m.reset();
-    return m;
-}
-
-Master tcpMaster(int port, int unit, int timeoutMs = 1000)
-{
-    return connected(modbus_new_tcp("127.0.0.1", port), unit, timeoutMs);
-}
 
 // Holding (or with input=true input) registers; empty when the read failed.
 std::vector<uint16_t> words(modbus_t *m, int addr, int count, bool input = false)

@@ -3,6 +3,7 @@
 #include "SQLiteDB/SQLiteDB.h"
 #include "fragmentproxy.h"
 #include "gatewaybox.h"
+#include "modbusmaster.h"
 #include "tcplink.h"
 #include "testsupport.h"
 
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
-#include <modbus.h>
 
 using namespace lumbra::test;
 
@@ -152,13 +152,11 @@ TEST_F(RealTimeUpload, ValuesTheDeviceDidNotSendAreNeverUploadedStoredOrAlarmed)
     FragmentProxy proxy(simPort);
     ASSERT_TRUE(proxy.ok());
     {
-        std::unique_ptr<modbus_t, void (*)(modbus_t *)> m(modbus_new_tcp("127.0.0.1", simPort), modbus_free);
+        const Master m = tcpMaster(simPort);
         const uint16_t low[] = {510, 0}, high[] = {513};
-        ASSERT_EQ(modbus_connect(m.get()), 0);
-        modbus_set_slave(m.get(), 1);
+        ASSERT_TRUE(m);
         ASSERT_EQ(modbus_write_registers(m.get(), 50, 2, low), 2);
         ASSERT_EQ(modbus_write_registers(m.get(), 53, 1, high), 1);
-        modbus_close(m.get());
     }
     box.writeConfig("LinkConfiguration.json", ("{\"data\":[" + tcpLinkJson(proxy.port(), 20) + "]}").toUtf8());
     const QString u16 = R"("data_type":0)";
