@@ -1,12 +1,12 @@
 // The whole cloud path through an outage: the gateway on the simulated PLC,
 // lumbra-agent, a real mosquitto and a platform that acknowledges what it gets.
+#include "SQLiteDB/SQLiteDB.h"
 #include "ackingcloud.h"
 #include "agentrun.h"
 #include "fdend.h"
 #include "modbusmaster.h"
 #include "mosquittobroker.h"
 #include "process.h"
-#include "SQLiteDB/SQLiteDB.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>

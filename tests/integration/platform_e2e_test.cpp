@@ -1,12 +1,12 @@
 // The whole open stack from an empty box: the simulated PLC, the gateway
 // under lumbra-agent, a real mosquitto and lumbra-platform.
+#include "SQLiteDB/SQLiteDB.h"
 #include "agentrun.h"
 #include "fdend.h"
 #include "modbusmaster.h"
 #include "mosquittobroker.h"
 #include "platformrun.h"
 #include "process.h"
-#include "SQLiteDB/SQLiteDB.h"
 #include "testsupport.h"
 
 #include <QJsonArray>
