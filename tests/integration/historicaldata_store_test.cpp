@@ -72,13 +72,3 @@ TEST_F(HistoryStore, CorruptDatabaseIsLoggedAndTheServiceKeepsRunning)
     EXPECT_TRUE(eventually([&] { return log.count("SQL error") >= 3; }));  // table, count, insert
     EXPECT_TRUE(his->isRunning());
 }
-
-TEST_F(HistoryStore, OnlineDeleteTakesIdsWrittenAsText)
-{
-    work.write(kConfig, R"({"upload_func_state":true,"data":[{"group_id":1},{"group_id":2},{"group_id":3}]})");
-    his->setConfigFile(R"({"operation_type":"delete","ids":"1,3"})");
-    const QJsonArray left = QJsonDocument::fromJson(readFile(work.file(kConfig))).object().value("data").toArray();
-    ASSERT_EQ(left.size(), 1);
-    EXPECT_EQ(left[0].toObject().value("group_id").toInt(), 2);
-    EXPECT_TRUE(log.contains("operation_typedelete group id:3"));
-}
