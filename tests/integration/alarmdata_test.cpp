@@ -4,12 +4,11 @@
 #include "Outbox/Outbox.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "SQLiteDB/SQLiteDB.h"
+#include "cloudlinkfixture.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
-#include "modbusslave.h"
 #include "outboxplatform.h"
-#include "tcplink.h"
 #include "testsupport.h"
 
 #include <QDateTime>
@@ -84,22 +83,8 @@ const struct ConditionCase {
     {R"("condition":6,"data_type":1,"limit_value":"10")", DWORD, {0x10005, 0x1000B}, {"1 5", "2 11"}},
 };
 
-class AlarmConditions : public ::testing::Test {
+class AlarmConditions : public DeviceFixture {
 protected:
-    LogCapture log;
-    WorkDir work;
-    BoxRoot box;
-    const int port = freeTcpPort();
-    std::unique_ptr<ModbusSlave> slave = ModbusSlave::tcp(port, 1);
-
-    void SetUp() override
-    {
-        ASSERT_TRUE(slave);
-        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
-        comm->initLinks();
-    }
-    void TearDown() override { comm->stopLinks(); }
-
     // Sets the device value and tells whether the link has read it yet.
     bool reached(int i, uint32_t v)
     {

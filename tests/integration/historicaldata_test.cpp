@@ -4,12 +4,11 @@
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
+#include "cloudlinkfixture.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
-#include "modbusslave.h"
 #include "outboxplatform.h"
-#include "tcplink.h"
 #include "testsupport.h"
 
 #include <QJsonArray>
@@ -56,15 +55,10 @@ QString trigger(int method, int coil)
         .arg(address("0X", coil));
 }
 
-class History : public ::testing::Test {
+class History : public DeviceFixture {
 protected:
-    LogCapture log;
-    WorkDir work;
-    BoxRoot box;
-    std::unique_ptr<ModbusSlave> slave;
     std::unique_ptr<SQLiteDB> db;
     HistoricalData *his = HistoricalData::getInstance();
-    communication *comm = communication::getInstance();
 
     void SetUp() override
     {
@@ -72,17 +66,13 @@ protected:
         tzset();
         box.write("/usr/brenta/iot_conf/sn.conf", kSerial);
         deviceInfo::getInstance()->init();
-        const int port = freeTcpPort();
-        slave = ModbusSlave::tcp(port, 1);
-        ASSERT_TRUE(slave);
-        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
-        comm->initLinks();
+        DeviceFixture::SetUp();
     }
 
     void TearDown() override
     {
         his->stop();
-        comm->stopLinks();
+        DeviceFixture::TearDown();
     }
 
     void start(const QStringList &groups, const QString &settings = R"("upload_func_state":true)")
