@@ -14,13 +14,7 @@ using namespace lumbra::test;
 
 namespace {
 
-class Forwarding : public ForwardingFixture {
-protected:
-    void send(const char *topicName, const QString &payload)
-    {
-        ASSERT_TRUE(agent.send(QJsonDocument(QJsonObject{{"topic", topicName}, {"msg", payload}}).toJson()));
-    }
-};
+using Forwarding = ForwardingFixture;
 
 }  // namespace
 
@@ -162,9 +156,7 @@ TEST_F(Forwarding, RefusedAccountsAreNotRetriedAndNoPasswordIsLogged)
     EXPECT_FALSE(mgr->client(2)->isConnected() || mgr->client(3)->isConnected());
 
     const QString added = forwardServer(4, broker.port(), {}, {}, account.arg("s3cret-online", ""));
-    ASSERT_TRUE(agent.send(QJsonDocument(QJsonObject{{"topic", "/DevRecv/OnlineMqttServerSet"},
-                                                     {"msg", QString(R"({"operation_type":"add","data":[%1]})").arg(added)}})
-                               .toJson()));
+    send("/DevRecv/OnlineMqttServerSet", QString(R"({"operation_type":"add","data":[%1]})").arg(added));
     EXPECT_TRUE(eventually([&] { return mgr->client(4) && mgr->client(4)->refused(); }));
     EXPECT_FALSE(log.contains("s3cret")) << log.text().toLocal8Bit().constData();
 }

@@ -71,11 +71,6 @@ protected:
         return QJsonDocument::fromJson(readFile(work.file(QString("iotRunTime/") + name))).object()["data"].toArray();
     }
 
-    void send(const char *topic, const QString &payload)
-    {
-        const QJsonObject cmd{{"topic", topic}, {"msg", payload}};
-        ASSERT_TRUE(agent.send(QJsonDocument(cmd).toJson()));
-    }
     // The acknowledgement's "<operation_type> <data_index>".
     QString acked(const char *setTopic, const QString &payload)
     {

@@ -11,6 +11,9 @@
 #include "tcplink.h"
 #include "testsupport.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -54,6 +57,11 @@ protected:
     {
         DeviceFixture::TearDown();
         IotToMqttComm::getInstance()->stop(2000);
+    }
+    // A cloud command as the agent hands it over.
+    void send(const char *topic, const QString &payload)
+    {
+        ASSERT_TRUE(agent.send(QJsonDocument(QJsonObject{{"topic", topic}, {"msg", payload}}).toJson()));
     }
 };
 
