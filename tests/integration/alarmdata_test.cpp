@@ -279,21 +279,6 @@ TEST_F(AlarmUpload, TheEventInFlightKeepsItsIdUntilItIsAcknowledged)
     EXPECT_EQ(rows(), 0);
 }
 
-TEST_F(AlarmUpload, EdgesDuringAnOutageAreAllStoredAndGoInOrderAfterIt)
-{
-    OutboxPlatform platform(50, [](const Posted &p) { acknowledge(p); });
-    start();
-    Outbox::getInstance()->agentLost();
-    for (int i = 0; i < 6; ++i)
-        ASSERT_TRUE(flip(100, i % 2 == 0)) << i;
-    EXPECT_EQ(rows(), 6);
-    EXPECT_TRUE(platform.received().isEmpty());
-
-    Outbox::getInstance()->setCloudState(true);
-    EXPECT_TRUE(eventually([&] { return rows() == 0; }, 5000));
-    EXPECT_EQ(delivered(platform.received()), edges(11, 6));
-}
-
 class AlarmStorm : public AlarmUpload, public ::testing::WithParamInterface<int> {};
 
 // An alarm that flaps 40 times in 10 s while the platform answers each

@@ -143,20 +143,6 @@ LinkValue tcpServerLink(LinkValue l, int port, const QString &driver)
 
 }  // namespace
 
-TEST_F(LinkThreadTest, GoodExchangesPollTheDeviceAndClearTheStatusBits)
-{
-    openLine();
-    uchar one = 1;
-    communication::getInstance()->setCommValue("LB", "LB", 60104, 0, 1, &one);
-    ASSERT_EQ(start(link("results=1;station=7")), 0);
-    EXPECT_EQ(device->read(4, 2000), "REQ0");
-    ASSERT_TRUE(device->write("ANSWER"));
-    EXPECT_TRUE(eventually([&] { return counter(CNT_DEALT) >= 1; }));
-    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0 && localBit(ULinkThread::stationErrorBit(1, 7)) == 0; }));
-    EXPECT_TRUE(eventually([&] { return counter(CNT_FRAMES) >= 3; }));  // polling goes on
-    EXPECT_TRUE(log.contains("CommPar:1-115200-8-1-NONE"));
-}
-
 TEST_F(LinkThreadTest, StationFailureSetsBitsAndTellsTheDriver)
 {
     openLine();

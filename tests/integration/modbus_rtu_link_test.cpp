@@ -70,7 +70,9 @@ TEST_F(RtuLink, DeadSlaveSetsTheStatusBitAndRecoveryClearsIt)
     EXPECT_TRUE(localBit(ULinkThread::stationErrorBit(1, 1)) == 1);
     ASSERT_TRUE(slave->start());
     slave->setHolding(10, 777);
-    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0 && word(hr) == 777; }));
+    EXPECT_TRUE(eventually([&] {
+        return localBit(60104) == 0 && localBit(ULinkThread::stationErrorBit(1, 1)) == 0 && word(hr) == 777;
+    }));
     EXPECT_TRUE(log.contains("link:PLC1 communication failed"));
     EXPECT_TRUE(log.contains("link:PLC1 communicating"));
 }
