@@ -59,7 +59,8 @@ bool MosquittoBroker::start()
     }
     for (const auto &l : qAsConst(m_tls)) {
         conf += "listener " + QByteArray::number(l.first) + " 127.0.0.1\ncafile " + l.second.cafile.toUtf8() +
-                "\ncertfile " + l.second.certfile.toUtf8() + "\nkeyfile " + l.second.keyfile.toUtf8() + "\n";
+                "\ncertfile " + l.second.certfile.toUtf8() + "\nkeyfile " + l.second.keyfile.toUtf8() +
+                "\nrequire_certificate " + (l.second.requireCertificate ? "true" : "false") + "\n";
         ports << l.first;
     }
     writeFile(m_dir.path() + "/mosquitto.conf", conf);

@@ -23,6 +23,7 @@ struct TlsFiles {
     QString cafile;
     QString certfile;
     QString keyfile;
+    bool requireCertificate = false;  // a listener asks for client certificates
 };
 
 class MosquittoBroker {
