@@ -312,21 +312,6 @@ TEST_P(AlarmStorm, RowsWaitOnlyForTheRoundTrip)
 
 INSTANTIATE_TEST_SUITE_P(RoundTrip, AlarmStorm, ::testing::Values(200, 400));
 
-TEST(AlarmBadInput, UnusableConfigLeavesTheServiceStopped)
-{
-    const char *const cases[][2] = {{nullptr, "Alarm data config file no such"},
-                                    {"{\"data\":[", "Alarm data config parse fail"}};
-    for (const auto &c : cases) {
-        LogCapture log;
-        WorkDir work;
-        if (c[0])
-            work.write("iotRunTime/AlarmConfiguration.json", c[0]);
-        ad->init();
-        EXPECT_FALSE(ad->isRunning()) << c[1];
-        EXPECT_TRUE(log.contains(c[1])) << c[1];
-    }
-}
-
 TEST(AlarmBadInput, CorruptStoreLogsAndLosesNothing)
 {
     LogCapture log;
