@@ -23,10 +23,10 @@ QByteArray linkJson(const char *name, const char *type, const char *driver)
 }
 
 // A gateway process on its own working directory and box root.
-struct Run {
+struct GatewayRun {
     QTemporaryDir work, root;
     ChildProcess gw;
-    Run() { writeFile(work.path() + "/zlog.conf", kConf); }
+    GatewayRun() { writeFile(work.path() + "/zlog.conf", kConf); }
     void write(const QString &file, const QByteArray &text) { writeFile(work.path() + "/iotRunTime/" + file, text); }
     bool start()
     {
@@ -39,7 +39,7 @@ struct Run {
 
 TEST(GatewayLinks, BrokenDriverEndsOnlyItsOwnLink)
 {
-    Run run;
+    GatewayRun run;
     ChildProcess &gw = run.gw;
     const QString root = run.root.path();
     PtyPair line(root + "/dev/ttyO1", root + "/slave");
@@ -62,7 +62,7 @@ TEST(GatewayLinks, BrokenDriverEndsOnlyItsOwnLink)
 
 TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
 {
-    Run run;
+    GatewayRun run;
     ChildProcess &gw = run.gw;
     run.write("LinkConfiguration.json", "{\"data\": [ {\"link_name\": ");
     ASSERT_TRUE(run.start());
@@ -73,7 +73,7 @@ TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
 
 TEST(GatewayLinks, TcpServerLinkAnswersClientsFromTheRunningGateway)
 {
-    Run run;
+    GatewayRun run;
     ChildProcess &gw = run.gw;
     int port = freeTcpPort();
     run.write("driver/libscripted.so", readFile(SCRIPTED_DRIVER));
