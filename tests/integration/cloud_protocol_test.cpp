@@ -28,32 +28,23 @@ using namespace lumbra::test;
 
 namespace {
 
-class CloudProtocol : public ::testing::Test {
+class CloudProtocol : public CloudLinkFixture {
 protected:
-    WorkDir work;
-    BoxRoot box;
-    LogCapture log;
-    std::unique_ptr<AgentPeer> agent;
     std::unique_ptr<PlatformSim> sim;
 
     void SetUp() override
     {
         box.write("/usr/brenta/iot_conf/sn.conf", "SIM-1");
-        const QString url = QString("tcp://127.0.0.1:%1").arg(freeTcpPort());
-        setenv("LUMBRA_AGENT_URL", url.toLocal8Bit().constData(), 1);
-        agent = std::make_unique<AgentPeer>(url);
-        ASSERT_TRUE(agent->bound());
-        sim = std::make_unique<PlatformSim>(*agent);
-        MqttMsgEvent::MqttDealMapInit();
         deviceInfo::getInstance()->init();
-        IotToMqttComm::getInstance()->init();
-        ASSERT_TRUE(agent->send(R"({"topic":"mqtt_status_Notification","status":true})"));
+        CloudLinkFixture::SetUp();
+        sim = std::make_unique<PlatformSim>(agent);
+        ASSERT_TRUE(agent.send(R"({"topic":"mqtt_status_Notification","status":true})"));
     }
     void TearDown() override
     {
         IotConfig::getInstance()->stop();
         Macro::getInstance()->stop();
-        IotToMqttComm::getInstance()->stop(2000);
+        CloudLinkFixture::TearDown();
     }
 
     int requestsOf(int kind) const
