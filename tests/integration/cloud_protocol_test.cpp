@@ -12,7 +12,6 @@
 #include "cloudlinkfixture.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
-#include "fdend.h"
 #include "modbusslave.h"
 #include "platformsim.h"
 #include "tcplink.h"
