@@ -1,6 +1,7 @@
 #include "fragmentproxy.h"
 
 #include "device_comm/serialport/fdhandle.h"
+#include "fdend.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -31,25 +32,12 @@ using std::chrono::milliseconds;
 const int kConnectTimeoutMs = 1000;
 const size_t kChunk = 4096;
 
-sockaddr_in loopback(int port)
-{
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
 // Listening on a free port of loopback; the port, -1 on failure.
 int listenOn(FdHandle &fd)
 {
-    sockaddr_in a = loopback(0);
-    socklen_t len = sizeof a;
     fd = FdHandle(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<sockaddr *>(&a), len) != 0 || ::listen(fd.get(), 16) != 0 ||
-        ::getsockname(fd.get(), reinterpret_cast<sockaddr *>(&a), &len) != 0)
-        return -1;
-    return ntohs(a.sin_port);
+    const int port = fd.valid() ? bindLoopback(fd.get()) : -1;
+    return port > 0 && ::listen(fd.get(), 16) == 0 ? port : -1;
 }
 
 // A non-blocking connection, given up after kConnectTimeoutMs.
