@@ -1,16 +1,14 @@
-// The alarm service against real values (a libmodbus slave behind the link
-// manager, or local registers), its store, and a platform played at the
-// outbox that acknowledges what it receives.
+// The alarm service against real values, its store, and a platform played at
+// the outbox.
 #include "AlarmData/AlarmData.h"
 #include "Outbox/Outbox.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "SQLiteDB/SQLiteDB.h"
+#include "cloudlinkfixture.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
-#include "modbusslave.h"
 #include "outboxplatform.h"
-#include "tcplink.h"
 #include "testsupport.h"
 
 #include <QDateTime>
@@ -85,22 +83,8 @@ const struct ConditionCase {
     {R"("condition":6,"data_type":1,"limit_value":"10")", DWORD, {0x10005, 0x1000B}, {"1 5", "2 11"}},
 };
 
-class AlarmConditions : public ::testing::Test {
+class AlarmConditions : public DeviceFixture {
 protected:
-    LogCapture log;
-    WorkDir work;
-    BoxRoot box;
-    const int port = freeTcpPort();
-    std::unique_ptr<ModbusSlave> slave = ModbusSlave::tcp(port, 1);
-
-    void SetUp() override
-    {
-        ASSERT_TRUE(slave);
-        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
-        comm->initLinks();
-    }
-    void TearDown() override { comm->stopLinks(); }
-
     // Sets the device value and tells whether the link has read it yet.
     bool reached(int i, uint32_t v)
     {
@@ -295,21 +279,6 @@ TEST_F(AlarmUpload, TheEventInFlightKeepsItsIdUntilItIsAcknowledged)
     EXPECT_EQ(rows(), 0);
 }
 
-TEST_F(AlarmUpload, EdgesDuringAnOutageAreAllStoredAndGoInOrderAfterIt)
-{
-    OutboxPlatform platform(50, [](const Posted &p) { acknowledge(p); });
-    start();
-    Outbox::getInstance()->agentLost();
-    for (int i = 0; i < 6; ++i)
-        ASSERT_TRUE(flip(100, i % 2 == 0)) << i;
-    EXPECT_EQ(rows(), 6);
-    EXPECT_TRUE(platform.received().isEmpty());
-
-    Outbox::getInstance()->setCloudState(true);
-    EXPECT_TRUE(eventually([&] { return rows() == 0; }, 5000));
-    EXPECT_EQ(delivered(platform.received()), edges(11, 6));
-}
-
 class AlarmStorm : public AlarmUpload, public ::testing::WithParamInterface<int> {};
 
 // An alarm that flaps 40 times in 10 s while the platform answers each
@@ -342,21 +311,6 @@ TEST_P(AlarmStorm, RowsWaitOnlyForTheRoundTrip)
 }
 
 INSTANTIATE_TEST_SUITE_P(RoundTrip, AlarmStorm, ::testing::Values(200, 400));
-
-TEST(AlarmBadInput, UnusableConfigLeavesTheServiceStopped)
-{
-    const char *const cases[][2] = {{nullptr, "Alarm data config file no such"},
-                                    {"{\"data\":[", "Alarm data config parse fail"}};
-    for (const auto &c : cases) {
-        LogCapture log;
-        WorkDir work;
-        if (c[0])
-            work.write("iotRunTime/AlarmConfiguration.json", c[0]);
-        ad->init();
-        EXPECT_FALSE(ad->isRunning()) << c[1];
-        EXPECT_TRUE(log.contains(c[1])) << c[1];
-    }
-}
 
 TEST(AlarmBadInput, CorruptStoreLogsAndLosesNothing)
 {

@@ -1,13 +1,10 @@
 // The whole cloud path through an outage: the gateway on the simulated PLC,
-// lumbra-agent, a real mosquitto and a platform that acknowledges what it
-// gets. The agent is killed for 20 s, or the broker stopped for 60 s, while a
-// value changes every second and an alarm sets and clears three times.
-// History must grow a row a second throughout, and afterwards every sample
-// and every alarm edge must have reached the platform, none stored twice.
+// lumbra-agent, a real mosquitto and a platform that acknowledges what it gets.
 #include "SQLiteDB/SQLiteDB.h"
 #include "ackingcloud.h"
 #include "agentrun.h"
 #include "fdend.h"
+#include "modbusmaster.h"
 #include "mosquittobroker.h"
 #include "process.h"
 #include "testsupport.h"
@@ -17,7 +14,6 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
-#include <modbus.h>
 
 #include <algorithm>
 #include <functional>
@@ -38,14 +34,6 @@ const char kAlarms[] = R"({"upload_func_state":true,"data":[{"index":1,"alarm_le
 const char kRealTime[] = R"({"upload_func_state":true,"global_upload_time":1,"data":[{"data_code":1,"data_type":0,
   "data_readAddress":{"link":"PLC1","block":"4X","no":"0","sta":1,"length":1}}]})";
 
-struct MasterFree {
-    void operator()(modbus_t *m) const
-    {
-        modbus_close(m);
-        modbus_free(m);
-    }
-};
-
 class CloudOutage : public ::testing::Test {
 protected:
     QTemporaryDir work, simDir;
@@ -54,7 +42,7 @@ protected:
     std::unique_ptr<AgentRun> agent;
     std::unique_ptr<AckingCloud> cloud;
     ChildProcess sim, gateway;
-    std::unique_ptr<modbus_t, MasterFree> master;
+    Master master;
 
     void SetUp() override
     {
@@ -62,9 +50,8 @@ protected:
         ASSERT_TRUE(sim.start(LUMBRA_PLCSIM_BINARY, {"--tcp", QString::number(simPort), "--registers", "200"},
                               simDir.path()));
         ASSERT_TRUE(sim.waitForOutput("plcsim: Modbus TCP on", 5000));
-        master.reset(modbus_new_tcp("127.0.0.1", simPort));
-        modbus_set_slave(master.get(), 1);
-        ASSERT_EQ(modbus_connect(master.get()), 0);
+        master = tcpMaster(simPort);
+        ASSERT_TRUE(master);
 
         ASSERT_TRUE(broker.start());
         agent = std::make_unique<AgentRun>(LUMBRA_AGENT_BINARY, broker.port());

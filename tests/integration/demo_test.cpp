@@ -1,10 +1,4 @@
-// The demo as a user starts it, minus the terminal: the gateway, started with
-// an empty ./iotRunTime/, takes its configuration from lumbra-platform; within
-// the first 30 s the broker carries real-time uploads, history batches,
-// alarms, the forwarded topics and the platform's acknowledgements; the
-// platform's API shows the gateway, history rows leave the gateway's table
-// once stored and alarm events are acknowledged; and a SIGTERM (what Ctrl-C
-// becomes) leaves no process behind.
+// The demo as a user starts it, minus the terminal; Ctrl-C is a SIGTERM.
 #include "SQLiteDB/SQLiteDB.h"
 #include "fdend.h"
 #include "mosquittobroker.h"

@@ -7,11 +7,6 @@ target_compile_definitions(linkmanager_test PRIVATE SCRIPTED_DRIVER="$<TARGET_FI
   SCRIPTED_DRIVER_ABI1="$<TARGET_FILE:scripted_driver_abi1>")
 add_dependencies(linkmanager_test scripted_driver scripted_driver_abi1)
 
-lumbra_add_test(modbus_rtu_link_test SOURCES modbus_rtu_link_test.cpp LIBS lumbra_device_comm)
-target_compile_definitions(modbus_rtu_link_test PRIVATE MODBUS_RTU_DRIVER="$<TARGET_FILE:modbus_rtu>")
-add_dependencies(modbus_rtu_link_test modbus_rtu)
-
-
 lumbra_add_test(field_test SOURCES field_test.cpp LIBS lumbra_device_comm)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(FIELD_TEST_MODBUS REQUIRED libmodbus)

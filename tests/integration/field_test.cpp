@@ -1,19 +1,20 @@
-// The device path against what plants really have, end to end: the link
-// manager, link threads and the reference Modbus drivers against the
-// simulated PLC, reached through a proxy that cuts its replies apart, with
-// holes in its register map, with noise on its serial line, and dead.
+// The device path end to end against the simulated PLC, as plants have it:
+// converters that cut replies apart, holes, line noise, dead devices.
 #include "device_comm/communication.h"
+#include "device_comm/src/ulinkthread.h"
 #include "fdend.h"
 #include "fragmentproxy.h"
 #include "linkprobe.h"
+#include "modbusmaster.h"
+#include "modbusslave.h"
 #include "process.h"
+#include "ptypair.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
 #include <QThread>
 
 #include <gtest/gtest.h>
-#include <modbus.h>
 
 #include <cstring>
 #include <memory>
@@ -27,14 +28,6 @@ communication *const comm = communication::getInstance();
 
 const int kLinkFailedBit = 60106;  // any Ethernet link
 
-struct MasterFree {
-    void operator()(modbus_t *m) const
-    {
-        modbus_close(m);
-        modbus_free(m);
-    }
-};
-
 // The simulated PLC, and a libmodbus master of the test's own that writes the
 // patterns the gateway must read back (registers and coils 21-99 are left
 // alone by the simulator).
@@ -46,9 +39,8 @@ public:
         if (!m_sim->start(LUMBRA_PLCSIM_BINARY, QStringList{"--tcp", QString::number(m_port)} + extra, m_dir.path()) ||
             !m_sim->waitForOutput("plcsim: Modbus TCP on", 5000))
             return false;
-        m_master.reset(modbus_new_tcp("127.0.0.1", m_port));
-        modbus_set_slave(m_master.get(), 1);
-        return modbus_connect(m_master.get()) == 0;
+        m_master = tcpMaster(m_port);
+        return m_master != nullptr;
     }
     bool startRtu(const QString &link, const QStringList &extra)
     {
@@ -74,7 +66,7 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<ChildProcess> m_sim;
     int m_port = freeTcpPort();
-    std::unique_ptr<modbus_t, MasterFree> m_master;
+    Master m_master;
 };
 
 QString tcpLink(const QString &name, int port, const QString &extra)
@@ -460,4 +452,63 @@ TEST_F(Field, AGoneDeviceLeavesNoCurrentValue)
     ASSERT_NO_FATAL_FAILURE(seedPattern());
     ASSERT_NO_FATAL_FAILURE(poll("PLC1"));
     EXPECT_TRUE(eventually([&] { return allRight("PLC1"); }, 40000)) << log.text().toStdString();
+}
+
+// The RTU path against a libmodbus slave on a pty: the slave dies and comes back.
+namespace {
+
+const int kTimeoutMs = 200;
+const int kRetries = 1;
+
+class RtuLink : public ::testing::Test {
+protected:
+    LogCapture log;
+    WorkDir work;
+    BoxRoot box;
+    std::unique_ptr<PtyPair> line;
+    std::unique_ptr<ModbusSlave> slave;
+    communication *comm = communication::getInstance();
+    int hr = -1;
+
+    void SetUp() override
+    {
+        line = std::make_unique<PtyPair>(box.path() + "/dev/ttyO1", box.path() + "/slave");
+        ASSERT_TRUE(line->ok()) << line->log().toStdString();
+        slave = ModbusSlave::rtu(line->linkB(), 115200, 1);
+        ASSERT_TRUE(slave);
+        work.write("iotRunTime/driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
+        work.write("iotRunTime/LinkConfiguration.json",
+                   QString(R"({"data":[{"link_name":"PLC1","link_type":"COM1","link_driver":"modbus_rtu",
+                       "master_or_slave":0,"baudrate":"115200","data_bit":"8","stop_bit":"1","check_bit":"NONE",
+                       "plc_id":"1","comm_time":5,"timeout1":%1,"retry_times":%2}]})")
+                       .arg(kTimeoutMs)
+                       .arg(kRetries)
+                       .toUtf8());
+        comm->initLinks();
+        hr = comm->getIndexFromAddr("PLC1", "4X", "10", 1, 1);
+        ASSERT_GE(hr, 0);
+        comm->setExternalAddrInfo({ExternalAddrTable::makeAddr("PLC1", "4X", "10", 1, 1, 0, hr)}, 0);
+        comm->enableExternalAddrInfo(true);
+    }
+
+    void TearDown() override { comm->stopLinks(); }
+};
+
+}  // namespace
+
+TEST_F(RtuLink, DeadSlaveSetsTheStatusBitAndRecoveryClearsIt)
+{
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 0; }));
+    slave->stop();
+    // One time-out plus the retries, per poll block, with room for the cycle.
+    EXPECT_TRUE(eventually([&] { return localBit(60104) == 1; }, (kRetries + 1) * kTimeoutMs * 3 + 1000));
+    EXPECT_TRUE(localBit(ULinkThread::stationErrorBit(1, 1)) == 1);
+    ASSERT_TRUE(slave->start());
+    slave->setHolding(10, 777);
+    EXPECT_TRUE(eventually([&] {
+        return localBit(60104) == 0 && localBit(ULinkThread::stationErrorBit(1, 1)) == 0 &&
+               holdingWord("PLC1", hr) == 777;
+    }));
+    EXPECT_TRUE(log.contains("link:PLC1 communication failed"));
+    EXPECT_TRUE(log.contains("link:PLC1 communicating"));
 }

@@ -4,14 +4,14 @@
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "Outbox/Outbox.h"
 #include "SQLiteDB/SQLiteDB.h"
+#include "cloudlinkfixture.h"
 #include "deviceInfo/deviceInfo.h"
 #include "device_comm/communication.h"
 #include "generalFunc/globals.h"
-#include "modbusslave.h"
 #include "outboxplatform.h"
-#include "tcplink.h"
 #include "testsupport.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QThread>
 
@@ -56,15 +56,10 @@ QString trigger(int method, int coil)
         .arg(address("0X", coil));
 }
 
-class History : public ::testing::Test {
+class History : public DeviceFixture {
 protected:
-    LogCapture log;
-    WorkDir work;
-    BoxRoot box;
-    std::unique_ptr<ModbusSlave> slave;
     std::unique_ptr<SQLiteDB> db;
     HistoricalData *his = HistoricalData::getInstance();
-    communication *comm = communication::getInstance();
 
     void SetUp() override
     {
@@ -72,17 +67,13 @@ protected:
         tzset();
         box.write("/usr/brenta/iot_conf/sn.conf", kSerial);
         deviceInfo::getInstance()->init();
-        const int port = freeTcpPort();
-        slave = ModbusSlave::tcp(port, 1);
-        ASSERT_TRUE(slave);
-        writeTcpLink(work.path(), MODBUS_TCP_DRIVER, port);
-        comm->initLinks();
+        DeviceFixture::SetUp();
     }
 
     void TearDown() override
     {
         his->stop();
-        comm->stopLinks();
+        DeviceFixture::TearDown();
     }
 
     void start(const QStringList &groups, const QString &settings = R"("upload_func_state":true)")
@@ -421,4 +412,56 @@ TEST_F(HistoryDelivery, CompactingTheStoreUnderABatchInFlightLosesNoRow)
     acknowledge(1);
     EXPECT_EQ(rows(1), 0);
     EXPECT_EQ(rows(3), 400);
+}
+
+namespace {
+
+const char kConfig[] = "iotRunTime/HistoryConfiguration.json";
+
+// Configuration and store, without a device.
+class HistoryStore : public ::testing::Test {
+protected:
+    LogCapture log;
+    WorkDir work;
+    HistoricalData *his = HistoricalData::getInstance();
+
+    void TearDown() override { his->stop(); }
+};
+
+}  // namespace
+
+TEST_F(HistoryStore, UnusableConfigurationLeavesTheServiceStopped)
+{
+    const struct {
+        QByteArray text;  // null: no file; "/": a directory in its place
+        const char *logged;
+    } cases[] = {{QByteArray(), "Historical data config file no such"},
+                 {"/", "Historical data config file open fail"},
+                 {"{\"data\":[", "Historical data config parse fail"}};
+    for (const auto &c : cases) {
+        QFile::remove(work.file(kConfig));
+        QDir().rmdir(work.file(kConfig));
+        if (c.text == "/")
+            QDir().mkpath(work.file(kConfig));
+        else if (!c.text.isNull())
+            work.write(kConfig, c.text);
+        his->init();
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        EXPECT_FALSE(his->isRunning()) << c.logged;
+    }
+}
+
+TEST_F(HistoryStore, CorruptDatabaseIsLoggedAndTheServiceKeepsRunning)
+{
+    work.write("history_iot.db", QByteArray(8192, 'x'));
+    // Group 1 samples local word 0 every second.
+    work.write(kConfig, R"({"upload_func_state":true,"data":[{"group_id":1,"sample_method":1,"sample_interval":"0,0,1",)"
+                        R"("sample_data":[{"data_type":0,"data_readAddress":{"block":"LW","no":"0"}}]}]})");
+    g_now = 1;
+    his->setClock(&testClock);
+    his->init();
+    ASSERT_TRUE(his->isRunning());
+    g_now = 2;
+    EXPECT_TRUE(eventually([&] { return log.count("SQL error") >= 3; }));  // table, count, insert
+    EXPECT_TRUE(his->isRunning());
 }

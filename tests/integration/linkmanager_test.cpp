@@ -1,6 +1,5 @@
 // The link manager over real UDP links, the scripted driver behind them and
-// the test playing the device: value qualities, writes that wait for the
-// device, shielded stations, long link names and free-protocol links.
+// the test playing the device.
 #include "device_comm/communication.h"
 #include "fdend.h"
 #include "testsupport.h"

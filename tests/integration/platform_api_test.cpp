@@ -1,7 +1,4 @@
-// lumbra-platform's HTTP side against the running process: reads, the
-// token on writes, commands reaching the gateway's topics and their
-// acknowledgements recorded, the event stream, and bad input from the broker
-// that must leave the program running and storing.
+// lumbra-platform's HTTP side against the running process.
 #include "fakegateway.h"
 #include "mosquittobroker.h"
 #include "platformrun.h"

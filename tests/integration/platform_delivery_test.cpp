@@ -1,7 +1,5 @@
 // lumbra-platform as a process between a real mosquitto and gateways that
-// resend until acknowledged: killed with SIGKILL again and again while
-// batches are in flight, it must end with every row and event stored once;
-// two instances on one PostgreSQL behind a shared subscription, the same.
+// resend until acknowledged.
 #include "dbconn.h"
 #include "fakegateway.h"
 #include "mosquittobroker.h"

@@ -1,13 +1,9 @@
 // The whole open stack from an empty box: the simulated PLC, the gateway
-// under lumbra-agent, a real mosquitto and lumbra-platform. The box holds no
-// configuration; it gets all of it from the platform's folder, restarts on
-// it, and then its values show in the API and the event stream, its history
-// (compressed) and flapping alarm are stored once and drain from its tables
-// even across a kill -9 of the platform, and a write from the API reaches the
-// PLC.
+// under lumbra-agent, a real mosquitto and lumbra-platform.
 #include "SQLiteDB/SQLiteDB.h"
 #include "agentrun.h"
 #include "fdend.h"
+#include "modbusmaster.h"
 #include "mosquittobroker.h"
 #include "platformrun.h"
 #include "process.h"
@@ -19,7 +15,6 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
-#include <modbus.h>
 
 #include <map>
 #include <memory>
@@ -42,14 +37,6 @@ const char kHistory[] = R"({"upload_func_state":true,"compressed":true,"data":[{
   "sample_data":[{"data_code":1,"data_type":0,"data_readAddress":{"link":"PLC1","block":"4X","no":"0","sta":1,"length":1}}]}]})";
 const char kAlarms[] = R"({"upload_func_state":true,"compressed":true,"data":[{"index":1,"alarm_level":2,
   "alarm_name":"bit","condition":0,"data_type":-1,"data_readAddress":{"link":"PLC1","block":"0X","no":"0","sta":1,"length":1}}]})";
-
-struct MasterFree {
-    void operator()(modbus_t *m) const
-    {
-        modbus_close(m);
-        modbus_free(m);
-    }
-};
 
 class PlatformE2E : public ::testing::Test {
 protected:
@@ -144,9 +131,8 @@ TEST_F(PlatformE2E, AnEmptyBoxConfiguresItselfAndEverythingArrivesOnce)
 
     // A write from the API reaches the PLC and is reported back.
     ASSERT_EQ(httpPost(platform->httpPort(), api + "/write", R"({"code":9,"value":"1234"})").status, 202);
-    std::unique_ptr<modbus_t, MasterFree> master(modbus_new_tcp("127.0.0.1", simPort));
-    modbus_set_slave(master.get(), 1);
-    ASSERT_EQ(modbus_connect(master.get()), 0);
+    const Master master = tcpMaster(simPort);
+    ASSERT_TRUE(master);
     uint16_t reg = 0;
     EXPECT_TRUE(eventually([&] { return modbus_read_registers(master.get(), 30, 1, &reg) == 1 && reg == 1234; }, 10000))
         << reg;

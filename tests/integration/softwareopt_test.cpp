@@ -1,6 +1,5 @@
-// Software operations in the gateway's own process: a pyftpdlib server holds
-// the package, a nanomsg peer plays the agent and the platform, and the box's
-// update script and `reboot` are fakes in a temp box root that only log.
+// Software operations in process: a pyftpdlib server holds the package, a
+// nanomsg peer plays the agent; the update script and `reboot` are logging fakes.
 #include "IotToMqttComm/IotToMqttComm.h"
 #include "IotToMqttComm/MqttMsgEvent.h"
 #include "SoftwareOpt/SoftwareOpt.h"

@@ -1,4 +1,8 @@
+// The gateway process on its own: start-up, one instance per box, and its links.
+#include "fdend.h"
+#include "modbusslave.h"
 #include "process.h"
+#include "ptypair.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -22,6 +26,10 @@ struct Box {
             writeFile(work.path() + "/zlog.conf", zlogConf);
         writeFile(root.path() + "/usr/brenta/iot_conf/sn.conf", "SN0001\n");
     }
+    void write(const QString &file, const QByteArray &text) const
+    {
+        writeFile(work.path() + "/iotRunTime/" + file, text);
+    }
     bool start(ChildProcess &p)
     {
         p.setEnv("LUMBRA_SYSROOT", root.path());
@@ -29,29 +37,30 @@ struct Box {
     }
 };
 
-}  // namespace
-
-TEST(Startup, LogsStartLineThenServicesAndKeepsRunning)
+QByteArray linkJson(const char *name, const char *type, const char *driver)
 {
-    Box box;
-    ChildProcess gw;
-    ASSERT_TRUE(box.start(gw));
-    ASSERT_TRUE(gw.waitForOutput("device sn:SN0001", 5000)) << gw.output().toStdString();
-    QString out = gw.output();
-    QRegularExpression start("INFO \\[main/main:\\d+ main\\] App 3\\.0\\.0 start 编译日期："
-                             "[A-Z][a-z]{2} [ \\d]\\d \\d{4} \\d\\d:\\d\\d:\\d\\d");
-    EXPECT_TRUE(start.match(out).hasMatch()) << out.toStdString();
-    EXPECT_LT(out.indexOf("start 编译日期"), out.indexOf("timezone:28800"));
-    EXPECT_LT(out.indexOf("timezone:28800"), out.indexOf("device sn:SN0001"));
-    EXPECT_TRUE(gw.running());
+    return QString(R"({"link_name":"%1","link_type":"%2","link_driver":"%3","baudrate":"115200","data_bit":"8",
+        "stop_bit":"1","check_bit":"NONE","plc_id":"1","comm_time":20,"timeout1":200,"retry_times":1})")
+        .arg(name, type, driver)
+        .toUtf8();
 }
 
-TEST(Startup, SecondInstanceExitsAtOnceBeforeAnyService)
+}  // namespace
+
+TEST(Startup, StartLineThenServicesAndASecondInstanceExitsBeforeAnyService)
 {
     Box box;
     ChildProcess first;
     ASSERT_TRUE(box.start(first));
-    ASSERT_TRUE(first.waitForOutput("device sn:", 5000)) << first.output().toStdString();
+    ASSERT_TRUE(first.waitForOutput("device sn:SN0001", 5000)) << first.output().toStdString();
+    const QString started = first.output();
+    EXPECT_TRUE(QRegularExpression("INFO \\[main/main:\\d+ main\\] App 3\\.0\\.0 start 编译日期："
+                                   "[A-Z][a-z]{2} [ \\d]\\d \\d{4} \\d\\d:\\d\\d:\\d\\d")
+                    .match(started)
+                    .hasMatch())
+        << started.toStdString();
+    EXPECT_LT(started.indexOf("start 编译日期"), started.indexOf("timezone:28800"));
+    EXPECT_LT(started.indexOf("timezone:28800"), started.indexOf("device sn:SN0001"));
 
     ChildProcess second;
     QElapsedTimer t;
@@ -110,4 +119,58 @@ TEST(Startup, BadLoggingConfigAndMissingBoxFilesDoNotStopStartUp)
         EXPECT_TRUE(out.contains("sn.conf fail"));
         EXPECT_TRUE(gw.running());
     }
+}
+
+TEST(GatewayLinks, BrokenDriverEndsOnlyItsOwnLink)
+{
+    Box run;
+    ChildProcess gw;
+    const QString root = run.root.path();
+    PtyPair line(root + "/dev/ttyO1", root + "/slave");
+    ASSERT_TRUE(line.ok()) << line.log().toStdString();
+    auto slave = ModbusSlave::rtu(line.linkB(), 115200, 1);
+    ASSERT_TRUE(slave);
+    run.write("driver/libmodbus_rtu.so", readFile(MODBUS_RTU_DRIVER));
+    run.write("driver/libbroken.so", "not a library");
+    run.write("LinkConfiguration.json",
+              "{\"data\":[" + linkJson("PLC1", "COM1", "modbus_rtu") + "," + linkJson("PLC2", "COM2", "broken") + "]}");
+    ASSERT_TRUE(run.start(gw));
+    EXPECT_TRUE(gw.waitForOutput("driver link exit :PLC2", 5000)) << gw.output().toStdString();
+    EXPECT_TRUE(gw.output().contains("driver:" + root + "/usr/brenta/project/driver/libbroken_1.so load failed"));
+    EXPECT_TRUE(gw.output().contains("InitLink Ret:0"));
+    // The healthy link has nothing registered yet, so its driver only answers for
+    // itself; its port is open and its thread alive.
+    EXPECT_TRUE(QFile::exists(root + "/usr/brenta/project/driver/libmodbus_rtu_0.so"));
+    EXPECT_TRUE(gw.running());
+}
+
+TEST(GatewayLinks, MalformedLinkFileLeavesTheGatewayRunning)
+{
+    Box run;
+    ChildProcess gw;
+    run.write("LinkConfiguration.json", "{\"data\": [ {\"link_name\": ");
+    ASSERT_TRUE(run.start(gw));
+    EXPECT_TRUE(gw.waitForOutput("iot link File parsing failed", 5000)) << gw.output().toStdString();
+    EXPECT_TRUE(gw.waitForOutput("device sn:", 5000));
+    EXPECT_TRUE(gw.running());
+}
+
+TEST(GatewayLinks, TcpServerLinkAnswersClientsFromTheRunningGateway)
+{
+    Box run;
+    ChildProcess gw;
+    int port = freeTcpPort();
+    run.write("driver/libscripted.so", readFile(SCRIPTED_DRIVER));
+    run.write("LinkConfiguration.json",
+              QString(R"({"data":[{"link_name":"SRV","link_type":"Ethernet/TCP","master_or_slave":1,
+                  "hmi_ip":"127.0.0.1","hmi_port":"%1","link_driver":"scripted","driver_property":"results=6"}]})")
+                  .arg(port)
+                  .toUtf8());
+    ASSERT_TRUE(run.start(gw));
+    ASSERT_TRUE(gw.waitForOutput("tcp server listening on 127.0.0.1:", 5000)) << gw.output().toStdString();
+    FdEnd client = tcpConnect(port);
+    ASSERT_TRUE(client.ok());
+    ASSERT_TRUE(client.write("Q"));
+    EXPECT_EQ(client.read(4, 3000), "RSP0");
+    EXPECT_TRUE(gw.running());
 }

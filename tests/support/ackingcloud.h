@@ -30,7 +30,6 @@ public:
     AckingCloud &operator=(const AckingCloud &) = delete;
 
     bool connected(int timeoutMs = 5000) const;
-    void setAckDelay(int ms) { m_delayMs = ms; }
 
     // Every alarm message received ("alarm_index", "alarm_note",
     // "alarm_time", "reqId"), resends included, in arrival order.

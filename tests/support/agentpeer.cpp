@@ -93,14 +93,15 @@ AgentUpload AgentPeer::receiveTopic(const QString &suffix, int timeoutMs)
             break;
         if (!topic.endsWith(suffix) || !envelope.contains("msg"))
             continue;
-        AgentUpload up;
-        up.topic = topic;
-        up.text = envelope.value("msg").toString();
-        up.msg = QJsonDocument::fromJson(up.text.toUtf8()).object();
-        up.envelope = envelope;
-        return up;
+        return AgentUpload::of(envelope);
     }
     return AgentUpload();
+}
+
+AgentUpload AgentUpload::of(const QJsonObject &envelope)
+{
+    const QString text = envelope.value("msg").toString();
+    return {envelope.value("topic").toString(), text, QJsonDocument::fromJson(text.toUtf8()).object(), envelope};
 }
 
 }  // namespace lumbra::test

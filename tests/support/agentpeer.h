@@ -36,6 +36,7 @@ struct AgentUpload {
     QJsonObject msg;        // "msg" parsed; empty when it is no JSON object
     QJsonObject envelope;
     bool ok() const { return !topic.isEmpty(); }
+    static AgentUpload of(const QJsonObject &envelope);
 };
 
 class AgentPeer {

@@ -12,8 +12,6 @@
 
 namespace lumbra::test {
 
-namespace {
-
 sockaddr_in loopback(int port)
 {
     sockaddr_in a{};
@@ -23,7 +21,6 @@ sockaddr_in loopback(int port)
     return a;
 }
 
-// Binds fd to a free loopback port and gives the port, -1 on failure.
 int bindLoopback(int fd)
 {
     sockaddr_in a = loopback(0);
@@ -33,6 +30,8 @@ int bindLoopback(int fd)
         return -1;
     return ntohs(a.sin_port);
 }
+
+namespace {
 
 bool waitReadable(int fd, int timeoutMs)
 {

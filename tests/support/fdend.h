@@ -7,7 +7,14 @@
 #include <QByteArray>
 #include <QString>
 
+#include <netinet/in.h>
+
 namespace lumbra::test {
+
+// 127.0.0.1:port.
+sockaddr_in loopback(int port);
+// Binds fd to a free loopback port and gives the port, -1 on failure.
+int bindLoopback(int fd);
 
 class FdEnd {
 public:

@@ -1,6 +1,7 @@
 #include "fragmentproxy.h"
 
 #include "device_comm/serialport/fdhandle.h"
+#include "fdend.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -31,58 +32,22 @@ using std::chrono::milliseconds;
 const int kConnectTimeoutMs = 1000;
 const size_t kChunk = 4096;
 
-struct Address {
-    sockaddr_storage storage{};
-    socklen_t length = 0;
-    const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&storage); }
-};
-
-// Only loopback literals: a test proxy never reaches beyond this machine.
-bool loopbackAddress(const QString &host, int port, Address &out)
+// Listening on a free port of loopback; the port, -1 on failure.
+int listenOn(FdHandle &fd)
 {
-    const QByteArray text = host.toLatin1();
-    auto *v4 = reinterpret_cast<sockaddr_in *>(&out.storage);
-    auto *v6 = reinterpret_cast<sockaddr_in6 *>(&out.storage);
-    if (inet_pton(AF_INET, text.constData(), &v4->sin_addr) == 1) {
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(static_cast<uint16_t>(port));
-        out.length = sizeof *v4;
-        return (ntohl(v4->sin_addr.s_addr) >> 24) == 127;
-    }
-    if (inet_pton(AF_INET6, text.constData(), &v6->sin6_addr) == 1) {
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(static_cast<uint16_t>(port));
-        out.length = sizeof *v6;
-        return IN6_IS_ADDR_LOOPBACK(&v6->sin6_addr);
-    }
-    return false;
-}
-
-int localPort(int fd)
-{
-    sockaddr_storage a{};
-    socklen_t len = sizeof a;
-    if (::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0)
-        return -1;
-    return ntohs(a.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&a)->sin6_port
-                                         : reinterpret_cast<sockaddr_in *>(&a)->sin_port);
-}
-
-FdHandle listenOn(const Address &at)
-{
-    FdHandle fd(::socket(at.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd.valid() || ::bind(fd.get(), at.get(), at.length) != 0 || ::listen(fd.get(), 16) != 0)
-        return FdHandle();
-    return fd;
+    fd = FdHandle(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int port = fd.valid() ? bindLoopback(fd.get()) : -1;
+    return port > 0 && ::listen(fd.get(), 16) == 0 ? port : -1;
 }
 
 // A non-blocking connection, given up after kConnectTimeoutMs.
-FdHandle connectTo(const Address &target)
+FdHandle connectTo(int port)
 {
-    FdHandle fd(::socket(target.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const sockaddr_in target = loopback(port);
+    FdHandle fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.valid())
         return fd;
-    if (::connect(fd.get(), target.get(), target.length) != 0) {
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&target), sizeof target) != 0) {
         pollfd p{fd.get(), POLLOUT, 0};
         int error = 0;
         socklen_t len = sizeof error;
@@ -129,7 +94,7 @@ struct Connection {
 }  // namespace
 
 struct FragmentProxy::Impl {
-    Address target;
+    int target = 0;
     FdHandle listener;
     FdHandle wake{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     int port = -1;
@@ -150,10 +115,9 @@ struct FragmentProxy::Impl {
     bool flush(Outbox &out, int fd, bool toClient, Clock::time_point now);
     int waitMs(Clock::time_point now) const;
     void fillFds(std::vector<pollfd> &fds, Clock::time_point now) const;
-    void count(bool toClient, size_t bytes)
+    void count(bool toClient)
     {
         std::lock_guard<std::mutex> lock(mutex);
-        (toClient ? counters.toClientBytes : counters.toDeviceBytes) += bytes;
         ++(toClient ? counters.toClientChunks : counters.toDeviceChunks);
     }
 };
@@ -164,8 +128,6 @@ void FragmentProxy::Impl::accept()
     if (!client.valid())
         return;
     FdHandle device = connectTo(target);
-    std::lock_guard<std::mutex> lock(mutex);
-    ++counters.connections;
     if (!device.valid())
         return;  // the client sees the connection close, as behind a converter whose device is gone
     noDelay(client.get());
@@ -173,7 +135,6 @@ void FragmentProxy::Impl::accept()
     connections.emplace_back();
     connections.back().client = std::move(client);
     connections.back().device = std::move(device);
-    counters.open = static_cast<int>(connections.size());
 }
 
 // Queues bytes for the client in the shape of the moment.
@@ -198,11 +159,8 @@ void FragmentProxy::Impl::cut(Outbox &out, const std::string &bytes, const Shape
 
 void FragmentProxy::Impl::fromDevice(Connection &c, std::string chunk, Clock::time_point now)
 {
-    if (dead) {
-        std::lock_guard<std::mutex> lock(mutex);
-        counters.swallowedBytes += chunk.size();
+    if (dead)
         return;
-    }
     const Shape s = [this] {
         std::lock_guard<std::mutex> lock(mutex);
         return shape;
@@ -224,7 +182,7 @@ bool FragmentProxy::Impl::flush(Outbox &out, int fd, bool toClient, Clock::time_
         const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (n < 0)
             return errno == EAGAIN || errno == EINTR;
-        count(toClient, static_cast<size_t>(n));
+        count(toClient);
         if (static_cast<size_t>(n) < bytes.size()) {
             bytes.erase(0, static_cast<size_t>(n));
             return true;  // the rest when the side takes more
@@ -298,27 +256,17 @@ void FragmentProxy::Impl::run()
                        (c.deviceClosed && c.toClient.pieces.empty());
         }
         connections.remove_if([](const Connection &c) { return c.broken; });
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            counters.open = static_cast<int>(connections.size());
-        }
         if (fds[1].revents != 0)
             accept();
     }
 }
 
-FragmentProxy::FragmentProxy(int targetPort, Mode mode, const QString &listenHost, const QString &targetHost)
-    : m_impl(new Impl)
+FragmentProxy::FragmentProxy(int targetPort) : m_impl(new Impl)
 {
-    m_impl->shape.mode = mode;
-    Address listenAt;
-    if (!loopbackAddress(listenHost, 0, listenAt) || !loopbackAddress(targetHost, targetPort, m_impl->target) ||
-        !m_impl->wake.valid())
+    m_impl->target = targetPort;
+    m_impl->port = listenOn(m_impl->listener);
+    if (m_impl->port < 0 || !m_impl->wake.valid())
         return;
-    m_impl->listener = listenOn(listenAt);
-    if (!m_impl->listener.valid())
-        return;
-    m_impl->port = localPort(m_impl->listener.get());
     m_impl->thread = std::thread([impl = m_impl.get()] { impl->run(); });
 }
 
@@ -341,12 +289,6 @@ bool FragmentProxy::ok() const
 int FragmentProxy::port() const
 {
     return m_impl->port;
-}
-
-void FragmentProxy::setMode(Mode mode)
-{
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
-    m_impl->shape.mode = mode;
 }
 
 void FragmentProxy::setShape(const Shape &shape)

@@ -5,8 +5,6 @@
 // own, which the destructor stops and joins.
 #pragma once
 
-#include <QString>
-
 #include <cstdint>
 #include <memory>
 
@@ -28,20 +26,12 @@ public:
         int staleEvery = 3;  // StaleTail: the 3rd, 6th, ... chunk of a connection is held
     };
     struct Counters {
-        uint64_t toDeviceBytes = 0;
         uint64_t toDeviceChunks = 0;
-        uint64_t toClientBytes = 0;
         uint64_t toClientChunks = 0;  // writes to the client: a split reply counts twice
-        uint64_t swallowedBytes = 0;  // replies dropped while the device played dead
-        int connections = 0;          // clients accepted so far
-        int open = 0;                 // of those, still connected
     };
 
-    // Listens on a free port of listenHost and connects each client to
-    // targetHost:targetPort. Both hosts must be loopback literals
-    // ("127.0.0.1", "::1"); anything else leaves the proxy !ok().
-    explicit FragmentProxy(int targetPort, Mode mode = Mode::Pass, const QString &listenHost = "127.0.0.1",
-                           const QString &targetHost = "127.0.0.1");
+    // Listens on a free port of 127.0.0.1 and connects each client to 127.0.0.1:targetPort.
+    explicit FragmentProxy(int targetPort);
     ~FragmentProxy();
     FragmentProxy(const FragmentProxy &) = delete;
     FragmentProxy &operator=(const FragmentProxy &) = delete;
@@ -49,7 +39,6 @@ public:
     bool ok() const;
     int port() const;
     // Changes apply to the chunks the device sends from now on.
-    void setMode(Mode mode);
     void setShape(const Shape &shape);
     // A dead device still gets the requests, but its replies are swallowed
     // and the connections stay open, as with a slave that died behind a

@@ -28,11 +28,6 @@ QByteArray GatewayBox::readConfig(const QString &name) const
     return readFile(m_work.path() + "/iotRunTime/" + name);
 }
 
-void GatewayBox::removeConfig(const QString &name)
-{
-    QFile::remove(m_work.path() + "/iotRunTime/" + name);
-}
-
 void GatewayBox::writeBox(const QString &absolutePath, const QByteArray &text)
 {
     writeFile(m_root.path() + absolutePath, text);

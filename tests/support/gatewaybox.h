@@ -29,7 +29,6 @@ public:
     // Writes ./iotRunTime/<name> of the box.
     void writeConfig(const QString &name, const QByteArray &text);
     QByteArray readConfig(const QString &name) const;
-    void removeConfig(const QString &name);
     // Writes a file of the box: writeBox("/usr/brenta/...", ...) lands below its root.
     void writeBox(const QString &absolutePath, const QByteArray &text);
     // Starts the gateway; a second call starts a fresh process after the

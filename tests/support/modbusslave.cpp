@@ -131,12 +131,6 @@ void ModbusSlave::answer(const uint8_t *req, int len)
     ++m_requests;
 }
 
-void ModbusSlave::setHoldingCount(int count)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_map->nb_registers = count < 0 ? 0 : (count > kRegisters ? kRegisters : count);
-}
-
 void ModbusSlave::setHolding(int addr, uint16_t value)
 {
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -40,9 +40,6 @@ public:
     void setCoil(int addr, bool value);
     bool coil(int addr);
     void setDiscreteInput(int addr, bool value);
-    // Serves holding registers below count only (at most kRegisters) and
-    // answers for the rest with an exception, as a device with a smaller map.
-    void setHoldingCount(int count);
     // While silent, requests are read but never answered, as by a dead device.
     void setSilent(bool silent) { m_silent = silent; }
     int requests() const { return m_requests; }

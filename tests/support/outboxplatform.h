@@ -51,7 +51,6 @@ public:
     OutboxPlatform(const OutboxPlatform &) = delete;
     OutboxPlatform &operator=(const OutboxPlatform &) = delete;
 
-    qint64 elapsedMs() const { return m_clock.elapsed(); }
     QList<Posted> received() const
     {
         std::lock_guard<std::mutex> lock(m_mutex);

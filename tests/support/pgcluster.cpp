@@ -96,14 +96,4 @@ QString PgCluster::url(const QString &database) const
     return QString("postgresql://lumbra@/%1?host=%2&port=%3").arg(database, m_dir.path()).arg(m_port);
 }
 
-QString PgCluster::psql(const QString &database, const QString &sql)
-{
-    ChildProcess p;
-    p.start(kBin + "psql",
-            {"-h", m_dir.path(), "-p", QString::number(m_port), "-U", "lumbra", "-d", database, "-At", "-c", sql},
-            m_dir.path());
-    p.waitForExit(30000);
-    return p.output().trimmed();
-}
-
 }  // namespace lumbra::test

@@ -30,8 +30,6 @@ public:
     bool createDatabase(const QString &name);
     // libpq URL of a database on this cluster.
     QString url(const QString &database) const;
-    // Runs sql with psql; the rows, fields separated by '|', one per line.
-    QString psql(const QString &database, const QString &sql);
 
 private:
     bool run(const QString &program, const QStringList &args, bool asOwner);

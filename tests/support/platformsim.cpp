@@ -51,11 +51,7 @@ void PlatformSim::handle(const QJsonObject &envelope)
         restartRequested = true;
         return;
     }
-    AgentUpload up;
-    up.topic = topic;
-    up.text = envelope.value("msg").toString();
-    up.msg = QJsonDocument::fromJson(up.text.toUtf8()).object();
-    up.envelope = envelope;
+    const AgentUpload up = AgentUpload::of(envelope);
     if (topic.endsWith("/DevSend/DevConfigReq")) {
         announced = true;
         return;
